@@ -1,0 +1,33 @@
+# Flags that every target of this project is built with.
+
+find_package(Threads REQUIRED)
+
+add_library(nox_build_options INTERFACE)
+target_compile_options(nox_build_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2
+    $<$<BOOL:${NOX_WERROR}>:-Werror>
+    # A unique symbol would keep a plugin library from ever being unloaded.
+    $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>)
+target_include_directories(nox_build_options INTERFACE ${PROJECT_SOURCE_DIR})
+
+if(NOX_SANITIZE)
+    add_compile_options(-fsanitize=${NOX_SANITIZE} -fno-omit-frame-pointer
+        -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${NOX_SANITIZE})
+endif()
+if(NOX_COVERAGE)
+    add_compile_options(--coverage -O0)
+    add_link_options(--coverage)
+endif()
+
+# nox_add_plugin(NAME SOURCE...): a plugin library that exports plugin_desc and
+# nothing else, so that it can be unloaded and cannot clash with another.
+function(nox_add_plugin name)
+    add_library(${name} MODULE ${ARGN})
+    target_link_libraries(${name} PRIVATE nox_build_options nox::core)
+    set_target_properties(${name} PROPERTIES PREFIX "" OUTPUT_NAME nox${name}
+        LIBRARY_OUTPUT_DIRECTORY ${NOX_PLUGIN_OUTPUT_DIRECTORY}
+        LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/plugin.map)
+    target_link_options(${name} PRIVATE
+        -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/plugin.map)
+endfunction()

@@ -1,0 +1,107 @@
+/*
+ * noxbasesink: what a sink plugin is built on. The plugin supplies a function
+ * that consumes one buffer; the base sink holds each buffer back until the
+ * pipeline clock reaches its timestamp, measures the throughput, and tells the
+ * pipe when end of stream has arrived.
+ *
+ *     static int32_t display_init(NOXPlugin *plugin)
+ *     {
+ *         NOXBaseSink *sink = (NOXBaseSink *)plugin;
+ *         if (nox_basesink_init(sink) != 0)
+ *             return -1;
+ *         sink->render_func = display_render;
+ *         return 0;
+ *     }
+ *
+ * Options (see nox_basesink_setformat): "verbose", "sync", "clock", "report",
+ * "rateoutvar", "targetbps", "targetfps".
+ *
+ * In the functions that take a NOXPlugin, the record behind it is a NOXBaseSink.
+ * Chain runs on the pushing thread, one at a time; the rest on the controlling one.
+ */
+#ifndef NOX_NOXBASESINK_H
+#define NOX_NOXBASESINK_H
+
+#include "noxplugin.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct NOXBaseSink NOXBaseSink;
+
+typedef int32_t (*NOXBaseSinkFunc)(NOXBaseSink *sink);
+typedef int32_t (*NOXBaseSinkSetStateFunc)(NOXBaseSink *sink, int32_t state);
+typedef int32_t (*NOXBaseSinkRenderFunc)(NOXBaseSink *sink, NOXBuffer *buffer);
+typedef void (*NOXBaseSinkSyncFunc)(NOXBaseSink *sink, NOXBuffer *buffer);
+typedef int32_t (*NOXBaseSinkFormatFunc)(NOXBaseSink *sink, NOXStructure *format);
+typedef int32_t (*NOXBaseSinkEventFunc)(NOXBaseSink *sink, NOXEvent *event);
+
+struct NOXBaseSink {
+    NOXPlugin plugin;
+    uint8_t sync;  /* hold each buffer until the clock reaches its timestamp; 0 */
+    uint8_t clock; /* value of the option, for the derived sink */
+    NOXBaseSinkFormatFunc setformat_func;  /* optional; the derived sink's own options */
+    NOXBaseSinkFormatFunc getformat_func;  /* optional */
+    NOXBaseSinkSetStateFunc setstate_func; /* optional */
+    NOXBaseSinkFunc start_func;            /* optional; its result is ignored */
+    NOXBaseSinkFunc stop_func;             /* optional; its result is ignored */
+    NOXBaseSinkRenderFunc render_func;     /* required; the buffer is lent for the call */
+    NOXBaseSinkSyncFunc sync_func;         /* optional; with `sync`, instead of the clock wait */
+    NOXBaseSinkFunc finalize_func;         /* optional */
+    NOXBaseSinkEventFunc event_func;       /* optional */
+    uint8_t verbose;                       /* measure and print throughput; 0 */
+    uint32_t frames;                       /* buffers in the current period */
+    uint64_t firstts;    /* ms: timestamp at which the period began; 0: none yet */
+    uint64_t bytes;      /* data in the current period */
+    int32_t *rateoutvar; /* receives the frame rate, rounded, at every report; or null */
+    int32_t targetbps;   /* expected bit/s; 0: none */
+    int32_t targetfps;   /* expected frames/s; 0: none */
+    uint8_t dataready;   /* a buffer has arrived since it was last stopped */
+    uint8_t report;      /* post one first-data message; 0 */
+    uint8_t eos;         /* end of stream has arrived; never cleared */
+    uint8_t discont;     /* stopped since the last buffer waited for the clock */
+};
+
+/* Initialises the plugin part, marks it a sink, installs the base operations in
+ * the plugin's slots. Called by the plugin's init function. The result is that
+ * of the plugin part. */
+NOX_API int32_t nox_basesink_init(NOXBaseSink *sink);
+
+/* Size in bytes of NOXBaseSink. */
+NOX_API uint32_t nox_basesink_get_size(void);
+
+/* Reads the options that are present in the format (a missing one changes
+ * nothing), then calls setformat_func, whose result it returns (0 without one):
+ *
+ *     verbose    bool   print frame and bit rate every 5 s of stream time
+ *     sync       bool   hold buffers until the clock reaches their timestamp
+ *     clock      bool   kept for the derived sink
+ *     report     bool   post NOX_MSG_SINK once, when data first arrives
+ *     rateoutvar void   an int32_t that receives the frame rate (byte count above 0)
+ *     targetbps  int32  above 0: mark bit rates half above it
+ *     targetfps  int32  above 0: mark frame rates half above it
+ */
+NOX_API int32_t nox_basesink_setformat(NOXPlugin *sink, NOXStructure *format);
+
+/* Slot operations, called through the plugin operations and by the push. */
+NOX_API int32_t nox_basesink_getformat(NOXPlugin *sink, NOXStructure *format);
+NOX_API int32_t nox_basesink_setstate(NOXPlugin *sink, int32_t state);
+NOX_API int32_t nox_basesink_start(NOXPlugin *sink);
+NOX_API int32_t nox_basesink_stop(NOXPlugin *sink);
+NOX_API int32_t nox_basesink_finalize(NOXPlugin *sink);
+NOX_API int32_t nox_basesink_event(NOXPlugin *sink, NOXEvent *event);
+
+/* Takes one buffer, on the pushing thread: measures, waits for the clock, and
+ * returns what render_func answers. */
+NOX_API int32_t nox_basesink_chain(NOXPlugin *sink, NOXBuffer *buffer);
+
+/* What the pipe asks of its sinks, on any thread. */
+NOX_API uint8_t nox_basesink_get_dataready(NOXPlugin *sink);
+NOX_API uint8_t nox_basesink_get_eos(NOXPlugin *sink);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
