@@ -1,0 +1,303 @@
+// wavsrc: plays a PCM WAV file, one buffer of 16-bit samples for each 20 ms.
+//
+// The file is opened when the option "location" is set, so that a bad one is
+// reported at once and downstream plugins can ask for the stream's facts. From
+// start on the source thread owns the file; the position and the wish to end are
+// atomic, because the application asks for them meanwhile. Times come from the
+// position in frames, so that durations add up without drift.
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include "common/element.h"
+#include "common/options.h"
+#include "common/report.h"
+#include "common/riff.h"
+#include "common/sound_file.h"
+#include "common/stream.h"
+#include "nox.h"
+#include "noxbasesrc.h"
+
+using namespace noxplugins;
+
+namespace
+{
+
+constexpr uint64_t kBuffersPerSecond = 50;
+
+// An opened recording. The descriptor outlives the handle that reads through it.
+struct Recording {
+    Descriptor descriptor;
+    SoundFile file;
+    StreamFormat stream{};
+    uint64_t frames = 0;
+};
+
+struct State {
+    Text location;
+    uint32_t loop = 1; // times to play
+    Recording recording;
+    std::atomic<uint64_t> position{0}; // frames handed on, over all loops
+    std::atomic<bool> ending{false};   // end of stream was asked for, or reading failed
+
+    uint64_t total_frames() const
+    {
+        return recording.frames * loop;
+    }
+};
+
+using WavSource = Element<NOXBaseSrc, State>;
+
+uint64_t scaled(uint64_t frames, uint32_t rate, uint64_t units_per_second)
+{
+    return frames / rate * units_per_second + frames % rate * units_per_second / rate;
+}
+
+bool is_pcm_wav(int format)
+{
+    const int container = format & SF_FORMAT_TYPEMASK;
+    const int sample = format & SF_FORMAT_SUBMASK;
+    const bool wav =
+        container == SF_FORMAT_WAV || container == SF_FORMAT_WAVEX || container == SF_FORMAT_RF64;
+    return wav && (sample == SF_FORMAT_PCM_U8 || sample == SF_FORMAT_PCM_16 ||
+                   sample == SF_FORMAT_PCM_24 || sample == SF_FORMAT_PCM_32);
+}
+
+int32_t report_unsupported(void *plugin, const char *location, int format)
+{
+    SF_FORMAT_INFO container{format & SF_FORMAT_TYPEMASK, nullptr, nullptr};
+    SF_FORMAT_INFO sample{format & SF_FORMAT_SUBMASK, nullptr, nullptr};
+    sf_command(nullptr, SFC_GET_FORMAT_INFO, &container, sizeof container);
+    sf_command(nullptr, SFC_GET_FORMAT_INFO, &sample, sizeof sample);
+    return report(plugin, PLUGIN_MSG_FORMAT,
+                  "%s holds %s, %s; only PCM in a WAV file can be played", location,
+                  container.name == nullptr ? "unknown data" : container.name,
+                  sample.name == nullptr ? "unknown samples" : sample.name);
+}
+
+// Looping and the check for missing samples need a file that can be gone back in.
+bool is_regular_file(int descriptor)
+{
+    struct stat status;
+    return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// A shared lock keeps a wavsink, of any process, from emptying the file meanwhile.
+// File systems without locks are played from all the same.
+bool lock_for_reading(int descriptor)
+{
+    return flock(descriptor, LOCK_SH | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
+int32_t open_recording(void *plugin, const char *location, Recording &recording)
+{
+    recording.descriptor = Descriptor(open(location, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const int descriptor = recording.descriptor.get();
+    if (descriptor < 0)
+        return report(plugin, PLUGIN_MSG_READ, "cannot open %s: %s", location,
+                      std::strerror(errno));
+    if (!is_regular_file(descriptor))
+        return report(plugin, PLUGIN_MSG_READ, "cannot read %s: not a regular file", location);
+    if (!lock_for_reading(descriptor))
+        return report(plugin, PLUGIN_MSG_READ, "cannot read %s: it is being written", location);
+
+    SF_INFO info{};
+    recording.file.reset(sf_open_fd(descriptor, SFM_READ, &info, SF_FALSE));
+    if (recording.file == nullptr)
+        return report(plugin, PLUGIN_MSG_FORMAT, "cannot read %s: %s", location,
+                      sf_strerror(nullptr));
+    if (!is_pcm_wav(info.format))
+        return report_unsupported(plugin, location, info.format);
+    if (const uint64_t missing = missing_bytes(descriptor); missing > 0)
+        return report(plugin, PLUGIN_MSG_FORMAT,
+                      "%s is truncated: %llu bytes of its samples are missing", location,
+                      static_cast<unsigned long long>(missing));
+
+    recording.stream = {static_cast<uint32_t>(info.samplerate),
+                        static_cast<uint32_t>(info.channels)};
+    recording.frames = static_cast<uint64_t>(info.frames);
+    return 0;
+}
+
+int32_t set_location(WavSource *self, NOXStructure *format)
+{
+    const Option found = take_location(self, format, self->state.location);
+    if (found != Option::taken)
+        return found == Option::refused ? -1 : 0;
+    self->state.recording = Recording();
+    Recording recording;
+    if (open_recording(self, self->state.location.get(), recording) != 0)
+        return -1;
+    self->state.recording = std::move(recording);
+    self->state.position = 0;
+    return 0;
+}
+
+int32_t set_loop(WavSource *self, NOXStructure *format)
+{
+    uint32_t loop = self->state.loop;
+    if (take_option(self, format, "loop", loop) == Option::refused)
+        return -1;
+    const uint64_t frames = self->state.recording.frames;
+    const uint64_t most =
+        std::min<uint64_t>(UINT32_MAX, UINT64_MAX / std::max<uint64_t>(frames, 1));
+    if (loop == 0 || loop > most)
+        return report(self, PLUGIN_MSG_OPTION, "option loop must be from 1 to %llu, and not %u",
+                      static_cast<unsigned long long>(most), loop);
+    self->state.loop = loop;
+    return 0;
+}
+
+int32_t wavsrc_setformat(NOXBaseSrc *source, NOXStructure *format)
+{
+    WavSource *self = WavSource::of(source);
+    if (source->islive != 0) {
+        source->islive = 0;
+        return report(self, PLUGIN_MSG_OPTION, "option islive must be false: a file is not live");
+    }
+    if (source->thread != nullptr)
+        return report(self, PLUGIN_MSG_OPTION, "options cannot be set while the file is played");
+    if (set_location(self, format) != 0)
+        return -1;
+    return set_loop(self, format);
+}
+
+// May be called while the file is played, for the position.
+int32_t wavsrc_getformat(NOXBaseSrc *source, NOXStructure *format)
+{
+    const State &state = WavSource::of(source)->state;
+    const char *location = state.location == nullptr ? "" : state.location.get();
+    if (put_option(format, "location", location) != 0 ||
+        put_option(format, "loop", state.loop) != 0)
+        return -1;
+    if (state.recording.file == nullptr)
+        return 0;
+    const StreamFormat &stream = state.recording.stream;
+    const bool entered =
+        put_stream_format(format, stream) == 0 &&
+        put_option(format, kStreamDuration, scaled(state.total_frames(), stream.rate, 1000)) == 0 &&
+        put_option(format, kStreamPosition, scaled(state.position, stream.rate, 1000)) == 0;
+    return entered ? 0 : -1;
+}
+
+// Each start plays from the beginning. The base source pushes end of stream once
+// for each time its flag is cleared.
+int32_t wavsrc_start(NOXBaseSrc *source)
+{
+    State &state = WavSource::of(source)->state;
+    if (state.recording.file == nullptr)
+        return report(source, PLUGIN_MSG_OPTION, "option location is missing: the WAV file's path");
+    if (source->thread != nullptr)
+        return 0;
+    if (sf_seek(state.recording.file.get(), 0, SF_SEEK_SET) != 0)
+        return report(source, PLUGIN_MSG_READ, "cannot go to the start of %s: %s",
+                      state.location.get(), sf_strerror(state.recording.file.get()));
+    state.position = 0;
+    state.ending = false;
+    std::atomic_ref(source->eos).store(0);
+    return 0;
+}
+
+// Frames up to the next 20 ms mark of the recording, or up to its end.
+uint64_t frames_to_next_mark(const Recording &recording, uint64_t position)
+{
+    const uint64_t rate = recording.stream.rate;
+    const uint64_t mark = position * kBuffersPerSecond / rate + 1;
+    const uint64_t next = (mark * rate + kBuffersPerSecond - 1) / kBuffersPerSecond;
+    return (next < recording.frames ? next : recording.frames) - position;
+}
+
+bool read_frames(NOXBaseSrc *source, NOXBuffer *buffer, uint64_t frames)
+{
+    State &state = WavSource::of(source)->state;
+    SNDFILE *file = state.recording.file.get();
+    NOXMemory *memory = nox_buffer_get_memory(buffer, 0);
+    const uint64_t bytes = frames * state.recording.stream.frame_size();
+    if (memory == nullptr || nox_memory_get_datasize(memory) < bytes ||
+        reinterpret_cast<uintptr_t>(nox_memory_get_data(memory)) % alignof(short) != 0) {
+        report(source, PLUGIN_MSG_MEMORY, "got an output buffer that is too small or not aligned");
+        return false;
+    }
+    auto *samples = reinterpret_cast<short *>(nox_memory_get_data(memory));
+    const sf_count_t count = sf_readf_short(file, samples, static_cast<sf_count_t>(frames));
+    if (static_cast<uint64_t>(count) == frames)
+        return true;
+    const char *reason =
+        sf_error(file) != SF_ERR_NO_ERROR ? sf_strerror(file) : "the file has shrunk";
+    report(source, PLUGIN_MSG_READ, "cannot read %s past frame %llu: %s", state.location.get(),
+           static_cast<unsigned long long>(state.position), reason);
+    return false;
+}
+
+void stamp(NOXBuffer *buffer, uint64_t begin, uint64_t end, uint32_t rate)
+{
+    const uint64_t timestamp = scaled(begin, rate, 1000);
+    nox_buffer_set_timestamp(buffer, timestamp);
+    nox_buffer_set_duration(buffer, scaled(end, rate, 1000) - timestamp);
+    nox_buffer_set_durationUs(buffer, scaled(end, rate, 1000000) - scaled(begin, rate, 1000000));
+}
+
+// Null is end of file: the base source then pushes end of stream.
+NOXBuffer *wavsrc_create(NOXBaseSrc *source)
+{
+    State &state = WavSource::of(source)->state;
+    const Recording &recording = state.recording;
+    const uint64_t position = state.position;
+    if (state.ending || position >= state.total_frames())
+        return nullptr;
+
+    const uint64_t in_file = position % recording.frames;
+    const uint64_t frames = frames_to_next_mark(recording, in_file);
+    NOXBufferRequest request = {
+        1, 0, {static_cast<uint32_t>(frames * recording.stream.frame_size())}};
+    NOXBuffer *buffer = nox_plugin_get_outbuffer(&source->plugin, &request);
+    if (buffer == nullptr)
+        report(source, PLUGIN_MSG_MEMORY, "no memory for a buffer");
+    const bool rewound = in_file != 0 || sf_seek(recording.file.get(), 0, SF_SEEK_SET) == 0;
+    if (buffer == nullptr || !rewound || !read_frames(source, buffer, frames)) {
+        state.ending = true; // what follows a gap is not played
+        nox_object_delete(buffer);
+        return nullptr;
+    }
+    stamp(buffer, position, position + frames, recording.stream.rate);
+    state.position = position + frames;
+    return buffer;
+}
+
+// Asked to end the stream, the source ends as at the end of its file: the base
+// source pushes end of stream on the thread that pushes the buffers.
+int32_t wavsrc_event(NOXBaseSrc *source, NOXEvent *event)
+{
+    if (event->type == NOX_EVENT_EOS)
+        WavSource::of(source)->state.ending = true;
+    return 0;
+}
+
+int32_t wavsrc_init(NOXPlugin *plugin)
+{
+    auto *source = reinterpret_cast<NOXBaseSrc *>(plugin);
+    if (nox_basesrc_init(source) != 0)
+        return -1;
+    WavSource::construct(plugin);
+    source->islive = 0;
+    source->setformat_func = wavsrc_setformat;
+    source->getformat_func = wavsrc_getformat;
+    source->start_func = wavsrc_start;
+    source->create_func = wavsrc_create;
+    source->event_func = wavsrc_event;
+    source->finalize_func = WavSource::finalize;
+    return 0;
+}
+
+} // namespace
+
+void plugin_desc(NOXPluginDesc *desc)
+{
+    *desc = {"wavsrc", "libnoxcore", sizeof(WavSource), wavsrc_init};
+}
