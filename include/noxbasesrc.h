@@ -83,6 +83,7 @@ struct NOXBaseSrc {
     NOXBaseSrcEventFunc event_func;       /* optional */
     uint8_t privatets;                    /* live: create_func stamps its buffers itself */
     uint8_t threadended_;                 /* internal: the thread will acknowledge no more pauses */
+    uint8_t parked_;                      /* internal: the thread waits for state_event */
 };
 
 /* Initialises the plugin part, marks it a source, installs the base operations

@@ -1,0 +1,328 @@
+// The base source, control side: options, start and stop of the source thread,
+// and the pause handshake. The thread itself is in noxbasesrc_loop.cpp.
+//
+// Pausing. The control side raises `pausewait` and waits on `pauseevent`; the
+// thread, at the top of its next pass, takes away what is latched in the plugin's
+// `state_event`, answers on `pauseevent`, and waits on `state_event` until the
+// plugin leaves PAUSE. Invariants:
+//   1. when a pause returns, the thread is parked, or has ended;
+//   2. a wake-up left over from an earlier pause never ends a later one;
+//   3. a thread that ends stores `threadended_` before it looks at `pausewait`,
+//      and a pause raises `pausewait` before it looks at `threadended_`, so a
+//      pause never waits for a thread that is gone;
+//   4. a thread stores `parked_` before it looks at `state` and `started` once
+//      more, and who changes those looks at `parked_` afterwards, so a thread is
+//      never left parked by a stop or start that did not see it.
+
+#include "noxbasesrc.h"
+
+#include "base/basesrc_thread.h"
+#include "internal/atomic_field.h"
+#include "internal/trace.h"
+
+namespace
+{
+
+constexpr char kSource[] = "noxbasesrc";
+constexpr uint32_t kDefaultStackSize = 0x20000;
+
+NOXBaseSrc *source_of(NOXPlugin *plugin)
+{
+    return reinterpret_cast<NOXBaseSrc *>(plugin);
+}
+
+const char *policy_name(int32_t errhandle)
+{
+    switch (errhandle) {
+    case NOX_ERRHANDLE_QUIT:
+        return "QUIT";
+    case NOX_ERRHANDLE_RETRY:
+        return "RETRY+CB";
+    case NOX_ERRHANDLE_RESTART:
+        return "RESTART+CB";
+    case NOX_ERRHANDLE_DONT_CARE:
+        return "DONT_CARE";
+    default:
+        return "NONE(QUIT)";
+    }
+}
+
+// The fields may be read by the running thread, hence stored atomically.
+void read_uint32(NOXStructure *format, const char *key, uint32_t &field)
+{
+    uint32_t value;
+    if (nox_structure_getvar_uint32(format, key, &value) == 0)
+        nox::store_relaxed(field, value);
+}
+
+void read_signed(NOXStructure *format, const char *key, int32_t &field)
+{
+    uint32_t value;
+    if (nox_structure_getvar_uint32(format, key, &value) == 0)
+        nox::store_relaxed(field, static_cast<int32_t>(value));
+}
+
+void read_bool(NOXStructure *format, const char *key, uint8_t &field)
+{
+    uint8_t value;
+    if (nox_structure_getvar_bool(format, key, &value) == 0)
+        nox::store_relaxed(field, value);
+}
+
+void read_options(NOXBaseSrc *source, NOXStructure *format)
+{
+    read_uint32(format, "priority", source->priority);
+    read_uint32(format, "maxframes", source->maxframes);
+    read_bool(format, "islive", source->islive);
+    read_signed(format, "errhandle", source->errhandle);
+    read_signed(format, "errcount", source->errcount);
+    uint32_t size;
+    if (void *callback = nox_structure_getvar_void(format, "errcallback", &size))
+        source->errcallback = callback;
+    uint8_t asyncstart;
+    if (nox_structure_getvar_bool(format, "asyncstart", &asyncstart) == 0)
+        nox::store_relaxed(source->waitallsrc, uint8_t{asyncstart == 0});
+    read_bool(format, "privatets", source->privatets);
+}
+
+void trace_options(const NOXBaseSrc *source)
+{
+    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "priority  (%d)\n", source->priority);
+    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "maxframes (%d)\n", source->maxframes);
+    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "islive    (%d)\n", source->islive);
+    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "asyncstart(%d)\n",
+                     nox::load_relaxed(source->waitallsrc) ? 0 : 1);
+    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "privatets (%d)\n", source->privatets);
+    if (source->islive)
+        NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "on-error  (%d:%s)\n", source->errhandle,
+                         policy_name(source->errhandle));
+}
+
+void wake_when_parked(NOXBaseSrc *source)
+{
+    if (nox::load_ordered(source->parked_) && source->plugin.state_event != nullptr)
+        OSA_EventSend(source->plugin.state_event);
+}
+
+int32_t start_thread(NOXBaseSrc *source)
+{
+    nox::store_ordered(source->threadended_, uint8_t{0});
+    nox::store_ordered(source->parked_, uint8_t{0});
+    source->thread =
+        OSA_ThreadCreate(source->plugin.object.name, static_cast<int32_t>(source->priority),
+                         source->stacksize, nox_basesrc_loop, source);
+    if (source->thread != nullptr)
+        return 0;
+    NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "base src thread create failed\n");
+    return -1;
+}
+
+// Waits for the thread, waking it first when it is parked. On the thread itself,
+// which cannot wait for its own end, the handle is kept for a later stop.
+void join_thread(NOXBaseSrc *source)
+{
+    if (source->thread == nullptr)
+        return;
+    if (nox::is_thread_of(source)) {
+        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "src(%s) stopped on its own thread\n",
+                         nox::name_of(source));
+        return;
+    }
+    wake_when_parked(source);
+    int32_t exit_value = 0;
+    OSA_ThreadDelete(source->thread, &exit_value);
+    source->thread = nullptr;
+}
+
+// A live source that cannot be paused must not run.
+int32_t make_pause_event(NOXBaseSrc *source)
+{
+    if (source->pauseevent == nullptr)
+        source->pauseevent = OSA_EventCreate(0);
+    if (source->pauseevent == nullptr) {
+        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "pause event create failed\n");
+        nox::store_ordered(source->plugin.started, uint8_t{0});
+        join_thread(source);
+        return -1;
+    }
+    nox::store_ordered(source->pausewait, uint8_t{0});
+    return 0;
+}
+
+int32_t prepare_start(NOXBaseSrc *source)
+{
+    if (source->usethread && source->create_func == nullptr) {
+        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "must be declaration create function\n");
+        return -1;
+    }
+    if (source->start_func != nullptr && source->start_func(source) != 0) {
+        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "plugin start failed\n");
+        return -1;
+    }
+    if (!nox_plugin_islink(&source->plugin)) {
+        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "not linked\n");
+        return -1;
+    }
+    return 0;
+}
+
+bool pipe_is_started(const NOXBaseSrc *source)
+{
+    // The pipe's record begins with a plugin record, and its flag is that one's.
+    auto *pipe = static_cast<const NOXPlugin *>(source->plugin.object.parent);
+    return pipe == nullptr || nox::load_acquire(pipe->started);
+}
+
+void pause(NOXBaseSrc *source)
+{
+    if (!pipe_is_started(source)) {
+        nox::store_ordered(source->plugin.started, uint8_t{0});
+        return;
+    }
+    if (!nox::load_acquire(source->plugin.started) || source->thread == nullptr)
+        return;
+    nox::store_ordered(source->pausewait, uint8_t{1});
+    if (!nox::load_ordered(source->threadended_))
+        OSA_EventWait(source->pauseevent, OSA_WAIT_FOREVER);
+    nox::store_ordered(source->pausewait, uint8_t{0});
+}
+
+} // namespace
+
+int32_t nox_basesrc_init(NOXBaseSrc *source)
+{
+    auto *plugin = reinterpret_cast<NOXPlugin *>(source); // null stays null
+    const int32_t result = nox_plugin_init(plugin);
+    if (result != 0) {
+        NOX_TRACE_OBJECT(plugin, OSA_TRACE_ERROR, "plugin init failed ret(%d)\n", result);
+        return result;
+    }
+    nox::store_relaxed(plugin->started, uint8_t{0});
+    plugin->issrc = 1;
+    plugin->setstate_func = nox_basesrc_setstate;
+    plugin->setformat_func = nox_basesrc_setformat;
+    plugin->getformat_func = nox_basesrc_getformat;
+    plugin->finalize_func = nox_basesrc_finalize;
+    plugin->event_func = nox_basesrc_event;
+    plugin->start_func = nox_basesrc_start;
+    plugin->stop_func = nox_basesrc_stop;
+    source->stacksize = kDefaultStackSize;
+    source->priority = 0;
+    source->waitallsrc = 1;
+    source->islive = 1;
+    source->usethread = 1;
+    source->lastts = 0;
+    source->maxframes = 0;
+    source->privatets = 0;
+    return 0;
+}
+
+uint32_t nox_basesrc_get_size(void)
+{
+    return sizeof(NOXBaseSrc);
+}
+
+int32_t nox_basesrc_setformat(NOXPlugin *plugin, NOXStructure *format)
+{
+    NOXBaseSrc *source = source_of(plugin);
+    read_options(source, format);
+    const int32_t result =
+        source->setformat_func != nullptr ? source->setformat_func(source, format) : 0;
+    trace_options(source);
+    return result;
+}
+
+int32_t nox_basesrc_getformat(NOXPlugin *plugin, NOXStructure *format)
+{
+    NOXBaseSrc *source = source_of(plugin);
+    return source->getformat_func != nullptr ? source->getformat_func(source, format) : 0;
+}
+
+int32_t nox_basesrc_start(NOXPlugin *plugin)
+{
+    NOXBaseSrc *source = source_of(plugin);
+    if (prepare_start(source) != 0)
+        return -1;
+    if (source->thread != nullptr) {
+        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "thread already started(%x)\n",
+                         nox::low32(source->thread));
+        // From PAUSE by way of READY the thread is still parked.
+        wake_when_parked(source);
+        return 0;
+    }
+    if (source->usethread && start_thread(source) != 0)
+        return -1;
+    return source->islive ? make_pause_event(source) : 0;
+}
+
+int32_t nox_basesrc_stop(NOXPlugin *plugin)
+{
+    NOXBaseSrc *source = source_of(plugin);
+    int32_t result = 0;
+    if (source->prestop_func != nullptr) {
+        result = source->prestop_func(source);
+        if (result != 0)
+            NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "src(%s) prestop error(%d)\n",
+                             nox::name_of(source), result);
+    }
+    join_thread(source);
+    if (source->stop_func != nullptr)
+        result = source->stop_func(source);
+    if (source->pauseevent != nullptr) {
+        OSA_EventDestroy(source->pauseevent);
+        source->pauseevent = nullptr;
+    }
+    if (result != 0)
+        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "src(%s) stop error(%d)\n", nox::name_of(source),
+                         result);
+    return result;
+}
+
+int32_t nox_basesrc_setstate(NOXPlugin *plugin, int32_t state)
+{
+    NOXBaseSrc *source = source_of(plugin);
+    const int32_t result =
+        source->setstate_func != nullptr ? source->setstate_func(source, state) : 0;
+    if (state == NOX_STATE_PAUSE && source->islive)
+        pause(source);
+    return result;
+}
+
+int32_t nox_basesrc_event(NOXPlugin *plugin, NOXEvent *event)
+{
+    NOXBaseSrc *source = source_of(plugin);
+    if (source->event_func == nullptr)
+        return 0;
+    const int32_t result = source->event_func(source, event);
+    if (result != 0 && !source->islive)
+        nox_plugin_error_post(plugin, NOX_MSG_EOS, "EOS by event failure\n");
+    return result;
+}
+
+int32_t nox_basesrc_finalize(NOXPlugin *plugin)
+{
+    NOXBaseSrc *source = source_of(plugin);
+    return source->finalize_func != nullptr ? source->finalize_func(source) : -1;
+}
+
+NOXBuffer *nox_basesrc_buf_create(NOXBaseSrc *source)
+{
+    return source->create_func(source);
+}
+
+uint8_t nox_basesrc_get_dataready(NOXPlugin *plugin)
+{
+    return nox::load_acquire(source_of(plugin)->dataready);
+}
+
+uint8_t nox_basesrc_get_eos(NOXPlugin *plugin)
+{
+    return nox::load_acquire(source_of(plugin)->eos);
+}
+
+uint8_t nox_basesrc_get_stopped(NOXPlugin *plugin)
+{
+    if (!source_of(plugin)->islive)
+        return nox_basesrc_get_eos(plugin);
+    return !nox_basesrc_get_dataready(plugin);
+}

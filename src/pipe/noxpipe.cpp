@@ -1,0 +1,108 @@
+// A pipe's creation and destruction. Members, states, events and the control
+// thread have files of their own beside this one.
+
+#include "noxpipe.h"
+
+#include "internal/guard.h"
+#include "pipe/noxpipe_internal.h"
+
+namespace
+{
+
+bool make_bus(NOXPipe *pipe)
+{
+    NOXBus *bus = nox_bus_new("bus");
+    pipe->plugin.bus = bus;
+    if (bus == nullptr) {
+        NOX_TRACE(OSA_TRACE_ERROR, "can not create new bus\n");
+        return false;
+    }
+    pipe->busref = static_cast<NOXBus *>(nox_object_refer(bus));
+    nox_bus_set_parent(bus, pipe);
+    return true;
+}
+
+bool make_clock(NOXPipe *pipe)
+{
+    pipe->clock = nox_timer_new("default");
+    if (pipe->clock == nullptr)
+        NOX_TRACE(OSA_TRACE_ERROR, "can not create new timer\n");
+    return pipe->clock != nullptr;
+}
+
+bool make_member_list(NOXPipe *pipe)
+{
+    pipe->plugins = OSA_ListCreate();
+    if (pipe->plugins == nullptr)
+        NOX_TRACE(OSA_TRACE_ERROR, "list create failed\n");
+    return pipe->plugins != nullptr;
+}
+
+bool make_parts(NOXPipe *pipe)
+{
+    if (!make_bus(pipe) || !make_clock(pipe) || !make_member_list(pipe))
+        return false;
+    // A pipe needs no state event of its own, so it can do without.
+    nox_plugin_init(&pipe->plugin);
+    return nox::start_control_thread(pipe);
+}
+
+// Of a pipe that could not be completed: what exists, in reverse order.
+void release_parts(NOXPipe *pipe)
+{
+    if (pipe->plugin.state_event != nullptr)
+        OSA_EventDestroy(pipe->plugin.state_event);
+    if (pipe->plugins != nullptr)
+        OSA_ListDestroy(pipe->plugins);
+    nox_object_delete(pipe->clock);
+    nox_object_delete(pipe->busref);
+    nox_object_delete(pipe->plugin.bus);
+}
+
+void release_members(NOXPipe *pipe)
+{
+    while (OSA_ListNode *node = OSA_ListGetHead(pipe->plugins)) {
+        auto *member = static_cast<NOXPlugin *>(node->data);
+        NOX_TRACE(OSA_TRACE_INFO, "deleting object (%s)\n", nox::name_of(member));
+        nox_plugin_reset(member);
+        nox_object_delete(member);
+        nox::remove_node(pipe->plugins, node);
+    }
+}
+
+} // namespace
+
+NOXPipe *nox_pipe_new(const char *name)
+{
+    nox::ObjectReference<NOXPipe> pipe(
+        static_cast<NOXPipe *>(nox_object_new(sizeof(NOXPipe), name, 1)));
+    if (!pipe) {
+        NOX_TRACE(OSA_TRACE_ERROR, "can not create new pipe\n");
+        return nullptr;
+    }
+    if (!make_parts(pipe.get())) {
+        release_parts(pipe.get());
+        return nullptr;
+    }
+    // Only a complete pipe has the finalizer, which relies on every part.
+    pipe->plugin.object.finalize = nox_pipe_finalize;
+    return pipe.release();
+}
+
+uint32_t nox_pipe_get_size(void)
+{
+    return sizeof(NOXPipe);
+}
+
+int32_t nox_pipe_finalize(void *object)
+{
+    auto *pipe = static_cast<NOXPipe *>(object);
+    nox::stop_control_thread(pipe);
+    release_members(pipe);
+    OSA_ListDestroy(pipe->plugins);
+    nox_object_delete(pipe->busref);
+    nox_object_delete(pipe->plugin.bus);
+    nox_object_delete(pipe->clock);
+    nox_plugin_finalize(&pipe->plugin);
+    return 0;
+}

@@ -1,0 +1,54 @@
+// Events for the whole graph: from each sink up towards its source, the sources
+// last.
+
+#include "pipe/noxpipe_internal.h"
+
+namespace
+{
+
+bool deliver(NOXPlugin *plugin, NOXEvent *event)
+{
+    if (nox_plugin_setevent(plugin, event) == 0)
+        return true;
+    NOX_TRACE_FOR("nox_pipe_set_event", OSA_TRACE_ERROR, "nox_plugin_setstate failed (%s)\n",
+                  nox::name_of(plugin));
+    return false;
+}
+
+// The sink and what lies above it, up to its source, which is not told here.
+bool deliver_upward(NOXPlugin *sink, NOXEvent *event)
+{
+    if (!deliver(sink, event))
+        return false;
+    for (NOXPlugin *plugin = sink->prev; plugin != nullptr && !plugin->issrc;
+         plugin = plugin->prev) {
+        if (!deliver(plugin, event))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int32_t nox_pipe_set_event(NOXPipe *pipe, NOXEvent *event)
+{
+    NOX_TRACE(OSA_TRACE_INFO, "Enter. pipe(%x)\n", nox::low32(pipe));
+    for (NOXPlugin *member : members(pipe))
+        if (member->issink && !deliver_upward(member, event))
+            return -1;
+    for (NOXPlugin *member : members(pipe))
+        if (member->issrc && !deliver(member, event))
+            return -1;
+    return 0;
+}
+
+int32_t nox_pipe_reset(NOXPipe *pipe)
+{
+    NOX_TRACE(OSA_TRACE_NOTICE, "pipeline reset\n");
+    NOXEvent event{nullptr, NOX_EVENT_RESET};
+    const int32_t result = nox_pipe_set_event(pipe, &event);
+    if (result != 0)
+        NOX_TRACE(OSA_TRACE_ERROR, "nox_pipe_set_event fail.\n");
+    nox_timer_stop(pipe->clock);
+    return result;
+}

@@ -1,0 +1,32 @@
+// What the files of the pipe share.
+#ifndef NOX_PIPE_NOXPIPE_INTERNAL_H
+#define NOX_PIPE_NOXPIPE_INTERNAL_H
+
+#include "internal/list_walk.h"
+#include "internal/trace.h"
+#include "noxpipe.h"
+
+namespace
+{
+
+constexpr char kSource[] = "noxpipe";
+
+// The member plugins in the order of adding.
+inline nox::ListItems<NOXPlugin> members(const NOXPipe *pipe)
+{
+    return nox::items<NOXPlugin>(pipe->plugins);
+}
+
+} // namespace
+
+namespace nox
+{
+
+// The control thread with its queue. Start leaves nothing behind when it fails;
+// stop returns when the thread has ended and everything queued is released.
+bool start_control_thread(NOXPipe *pipe);
+void stop_control_thread(NOXPipe *pipe);
+
+} // namespace nox
+
+#endif
