@@ -132,7 +132,7 @@ const std::vector<SIM_TraceLine> &SIM_Traces();
 /* How many of them contain `part`; of that level only when it is not -1. */
 uint32_t SIM_TraceCount(const std::string &part, int32_t level = -1);
 
-/* All of them as text, `tick thread module [level] source:line function: text`:
+/* All of them as text, each headed by its thread, tick, level, module and place:
  * two runs are the same when these are. */
 std::string SIM_TraceText();
 

@@ -1,0 +1,162 @@
+// The layer itself, blocks of memory and pools of fixed-size blocks.
+
+#include "osa/sim/world.h"
+
+using sim::BlockKind;
+using sim::Entry;
+using sim::Origin;
+
+namespace
+{
+
+// The live block at this address, or null with the misuse reported.
+sim::Block *find_block(Entry &layer, const void *address, BlockKind kind, const char *operation)
+{
+    sim::Block *block = layer->heap.find(address);
+    if (block == nullptr) {
+        layer.misuse(operation, "the address is no live block: freed before, or not of this layer");
+        return nullptr;
+    }
+    if (block->kind != kind) {
+        layer.misuse(operation, "wrong operation for a " + sim::block_text(*block));
+        return nullptr;
+    }
+    return block;
+}
+
+void give(Entry &layer, void *address, const char *operation)
+{
+    const std::string fault = layer->heap.give(address);
+    if (!fault.empty())
+        layer.misuse(operation, fault);
+}
+
+void trace_callback_failure(const char *name, int32_t result)
+{
+    OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, __func__, "%s failed (%d)\n", name, result);
+}
+
+void trace_live_block(void *, const OSA_LiveBlock *block)
+{
+    OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, __func__,
+              "block of %u bytes is still alive, taken by %s:%d %s\n", block->size,
+              block->module == nullptr ? "null" : block->module, block->line,
+              block->function == nullptr ? "null" : block->function);
+}
+
+} // namespace
+
+int32_t OSA_SystemInit(OSA_EnvironmentCallback load)
+{
+    const int32_t result = load == nullptr ? 0 : load();
+    if (result != 0)
+        trace_callback_failure("load", result);
+    return 0;
+}
+
+int32_t OSA_SystemUnInit(OSA_EnvironmentCallback unload)
+{
+    const int32_t result = unload == nullptr ? 0 : unload();
+    if (result != 0)
+        trace_callback_failure("unload", result);
+    OSA_MemoryVisit(trace_live_block, nullptr);
+    return 0;
+}
+
+void *OSA_Malloc(uint32_t size, int32_t, int32_t, const char *module, int32_t line,
+                 const char *function)
+{
+    Entry layer;
+    layer->scheduler.point();
+    const Origin origin = {SIM_CALLER, layer->heap.keep(module), line, layer->heap.keep(function)};
+    if (layer.must_fail("OSA_Malloc", origin))
+        return nullptr;
+    return layer->heap.take(BlockKind::plain, size, origin);
+}
+
+void OSA_Free(void *block, int32_t)
+{
+    if (block == nullptr)
+        return;
+    Entry layer;
+    layer->scheduler.point();
+    if (find_block(layer, block, BlockKind::plain, "OSA_Free") != nullptr)
+        give(layer, block, "OSA_Free");
+}
+
+int32_t OSA_SMalloc_Init(void)
+{
+    Entry layer;
+    layer->scheduler.point();
+    layer->pools.is_up = true;
+    return 0;
+}
+
+int32_t OSA_SMalloc_Deinit(void)
+{
+    Entry layer;
+    layer->scheduler.point();
+    layer->pools.is_up = false;
+    layer->pools.names.clear();
+    return 0;
+}
+
+int32_t OSA_SMalloc_Register(uint32_t block_size, const char *name)
+{
+    Entry layer;
+    layer->scheduler.point();
+    if (layer.must_fail("OSA_SMalloc_Register", SIM_CALLER))
+        return -1;
+    if (!layer->pools.is_up || block_size == 0 || name == nullptr)
+        return -1;
+    layer->pools.names.emplace(block_size, layer->heap.keep(name));
+    return 0;
+}
+
+int32_t OSA_SMalloc_UnRegister(uint32_t block_size)
+{
+    Entry layer;
+    layer->scheduler.point();
+    return layer->pools.names.erase(block_size) == 0 ? -1 : 0;
+}
+
+uint8_t OSA_SMemIsReg(uint32_t block_size)
+{
+    Entry layer;
+    layer->scheduler.point();
+    return layer->pools.names.count(block_size) == 0 ? 0 : 1;
+}
+
+const char *OSA_SMemGetName(uint32_t block_size)
+{
+    Entry layer;
+    layer->scheduler.point();
+    const auto found = layer->pools.names.find(block_size);
+    return found == layer->pools.names.end() ? nullptr : found->second;
+}
+
+void *OSA_SMalloc(uint32_t block_size)
+{
+    Entry layer;
+    layer->scheduler.point();
+    if (layer.must_fail("OSA_SMalloc", SIM_CALLER) || layer->pools.names.count(block_size) == 0)
+        return nullptr;
+    return layer->heap.take(BlockKind::pool, block_size, Origin{SIM_CALLER});
+}
+
+void OSA_SFree(void *block, uint32_t block_size)
+{
+    if (block == nullptr)
+        return;
+    Entry layer;
+    layer->scheduler.point();
+    const sim::Block *found = find_block(layer, block, BlockKind::pool, "OSA_SFree");
+    if (found == nullptr)
+        return;
+    if (found->size != block_size) {
+        layer.misuse("OSA_SFree", "given to the pool of " + std::to_string(block_size) +
+                                      " bytes: " + sim::block_text(*found));
+        return;
+    }
+    give(layer, block, "OSA_SFree");
+}
