@@ -1,0 +1,72 @@
+// Dynamic libraries.
+
+#include "osa/common/export.h"
+
+#include <cstring>
+#include <new>
+#include <string>
+
+#include <dlfcn.h>
+
+#include "osa/common/elf_check.h"
+#include "osa/posix/report.h"
+#include "osa/posix/thread_state.h"
+
+struct OSA_Library {
+    void *handle;
+};
+
+namespace
+{
+
+void *open_library(const char *path)
+{
+    char reason[160];
+    if (!osa::elf_check(path, reason, sizeof(reason))) {
+        OSA_REPORT(OSA_TRACE_ERROR, "library %s not loaded: %s\n", path, reason);
+        return nullptr;
+    }
+    // A name without a slash would be searched for in the system's folders.
+    const bool bare = std::strchr(path, '/') == nullptr;
+    void *handle = dlopen(bare ? ("./" + std::string(path)).c_str() : path, RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr)
+        OSA_REPORT(OSA_TRACE_ERROR, "library %s not loaded: %s\n", path, dlerror());
+    return handle;
+}
+
+} // namespace
+
+extern "C" {
+
+OSA_Library *OSA_LibraryLoad(const char *path)
+{
+    void *handle = path != nullptr ? open_library(path) : nullptr;
+    if (handle == nullptr)
+        return nullptr;
+    OSA_Library *library = new (std::nothrow) OSA_Library{handle};
+    if (library == nullptr) {
+        dlclose(handle);
+        return nullptr;
+    }
+    osa::count_alive(osa::Kind::library, 1);
+    return library;
+}
+
+void *OSA_LibraryGetFunc(OSA_Library *library, const char *symbol)
+{
+    return library != nullptr && symbol != nullptr ? dlsym(library->handle, symbol) : nullptr;
+}
+
+int32_t OSA_LibraryUnLoad(OSA_Library *library)
+{
+    if (library == nullptr)
+        return -1;
+    const int result = dlclose(library->handle);
+    if (result != 0)
+        OSA_REPORT(OSA_TRACE_ERROR, "library not unloaded: %s\n", dlerror());
+    delete library;
+    osa::count_alive(osa::Kind::library, -1);
+    return result == 0 ? 0 : -1;
+}
+
+} // extern "C"
