@@ -74,8 +74,7 @@ void *Heap::take(BlockKind kind, uint32_t size, const Origin &origin)
     if (address == nullptr)
         return nullptr;
     std::memset(static_cast<char *>(address) + size, guard_fill, guard_size);
-    const Origin kept = {origin.caller, keep(origin.module), origin.line, keep(origin.function)};
-    blocks_.emplace(address, Block{kind, size, ++order_, kept, nullptr});
+    blocks_.emplace(address, Block{kind, size, ++order_, origin, nullptr});
     count_[static_cast<size_t>(kind)]++;
     bytes_[static_cast<size_t>(kind)] += size;
     return address;

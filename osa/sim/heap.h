@@ -44,7 +44,8 @@ class Heap
 public:
     ~Heap();
 
-    /* A zero-filled block, or null when the machine has no more memory. */
+    /* A zero-filled block, or null when the machine has no more memory. The texts
+     * of the origin must stay: see keep. */
     void *take(BlockKind kind, uint32_t size, const Origin &origin);
 
     /* The record of a live block, or null. */

@@ -31,35 +31,39 @@ void give(Entry &layer, void *address, const char *operation)
         layer.misuse(operation, fault);
 }
 
-void trace_callback_failure(const char *name, int32_t result)
+void run_callback(OSA_EnvironmentCallback callback, const char *operation)
 {
-    OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, __func__, "%s failed (%d)\n", name, result);
+    const int32_t result = callback == nullptr ? 0 : callback();
+    if (result != 0)
+        OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, operation,
+                  "the environment callback failed (%d)\n", result);
 }
 
-void trace_live_block(void *, const OSA_LiveBlock *block)
+void trace_live_blocks()
 {
-    OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, __func__,
-              "block of %u bytes is still alive, taken by %s:%d %s\n", block->size,
-              block->module == nullptr ? "null" : block->module, block->line,
-              block->function == nullptr ? "null" : block->function);
+    std::vector<std::string> texts;
+    {
+        Entry layer;
+        for (const auto &live : layer->heap.alive())
+            texts.push_back(sim::block_text(*live.block));
+    }
+    for (const std::string &text : texts)
+        OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, "OSA_SystemUnInit", "still alive: %s\n",
+                  text.c_str());
 }
 
 } // namespace
 
 int32_t OSA_SystemInit(OSA_EnvironmentCallback load)
 {
-    const int32_t result = load == nullptr ? 0 : load();
-    if (result != 0)
-        trace_callback_failure("load", result);
+    run_callback(load, "OSA_SystemInit");
     return 0;
 }
 
 int32_t OSA_SystemUnInit(OSA_EnvironmentCallback unload)
 {
-    const int32_t result = unload == nullptr ? 0 : unload();
-    if (result != 0)
-        trace_callback_failure("unload", result);
-    OSA_MemoryVisit(trace_live_block, nullptr);
+    run_callback(unload, "OSA_SystemUnInit");
+    trace_live_blocks();
     return 0;
 }
 

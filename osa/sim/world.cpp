@@ -48,6 +48,7 @@ void close(World &world)
     for (const std::string &fault : world.heap.give_all())
         world.misuses.push_back(fault);
     join_ended_threads(world.handles);
+    world.processor.reset();
     world.is_open = false;
 }
 

@@ -7,12 +7,14 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "osa/sim/faults.h"
 #include "osa/sim/heap.h"
 #include "osa/sim/object.h"
+#include "osa/sim/one_processor.h"
 #include "osa/sim/osasim.h"
 #include "osa/sim/race_check.h"
 #include "osa/sim/scheduler.h"
@@ -46,6 +48,7 @@ struct World {
     std::vector<std::string> misuses;
     std::map<std::string, std::string> files;
     std::map<std::string, std::map<std::string, void *>> libraries; /* symbols by path */
+    std::optional<OneProcessor> processor{std::in_place};           /* while the run is open */
     bool is_open = true;
 };
 
