@@ -1,0 +1,245 @@
+// nox-run with the real plugins: what is written, what is said, how it ends.
+
+#include <cmath>
+#include <csignal>
+
+#include <gtest/gtest.h>
+
+#include "process.h"
+#include "wav_file.h"
+
+namespace
+{
+
+class NoxRun : public testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        folder_ = new TemporaryFolder;
+        const Result scan = run({NOX_SCAN, PLUGIN_FOLDER, TEST_PLUGIN_FOLDER, "-o", path("cache")});
+        ASSERT_EQ(scan.code, 0) << scan.err;
+        write_wav(path("in.wav"), sweep(44100, 2, 22051));
+    }
+
+    static void TearDownTestSuite()
+    {
+        delete folder_;
+        folder_ = nullptr;
+    }
+
+    static std::string path(const std::string &name)
+    {
+        return *folder_ / name;
+    }
+
+    // Names after "=" that begin with "@" are files of the test's folder.
+    static std::string with_paths(std::string notation)
+    {
+        for (size_t at = notation.find("=@"); at != std::string::npos; at = notation.find("=@"))
+            notation.replace(at + 1, 1, path(""));
+        return notation;
+    }
+
+    static Result play(const std::string &notation, const Meanwhile &meanwhile = nullptr,
+                       size_t largest_file = 0)
+    {
+        return run({NOX_RUN, "--cache", path("cache"), with_paths(notation)}, meanwhile,
+                   largest_file);
+    }
+
+    // A header that is not right shows in the frames that libsndfile finds.
+    static void expect_whole(const std::string &name)
+    {
+        const Wav wav = read_wav(path(name));
+        EXPECT_GT(wav.samples.size(), 0u);
+        EXPECT_EQ(wav.samples.size() * sizeof(int16_t) + 44,
+                  std::filesystem::file_size(path(name)));
+    }
+
+    static TemporaryFolder *folder_;
+};
+
+TemporaryFolder *NoxRun::folder_ = nullptr;
+
+} // namespace
+
+TEST_F(NoxRun, EveryFrameArrivesInEveryBranchAtTheGain)
+{
+    const Result result =
+        play("wavsrc location=@in.wav ! tee name=s ! volume gain=0.5 ! tee name=t "
+             "! wavsink location=@half.wav sync=true t. ! levelsink name=level "
+             "t. ! wavsink location=@again.wav s. ! volume gain=3 ! "
+             "wavsink location=@loud.wav");
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out.rfind("level: 22051 frames at 44100 Hz; channel 1: peak 0.5", 0), 0u)
+        << result.out;
+    EXPECT_EQ(result.err, "nox-run: NOX_MSG_EOS from wavsink3: EOS.\n");
+    const Wav in = read_wav(path("in.wav"));
+    const Wav half = read_wav(path("half.wav"));
+    const Wav loud = read_wav(path("loud.wav"));
+    EXPECT_EQ(half.rate, 44100);
+    EXPECT_EQ(half.channels, 2);
+    ASSERT_EQ(half.samples.size(), in.samples.size());
+    ASSERT_EQ(loud.samples.size(), in.samples.size());
+    for (size_t index = 0; index < in.samples.size(); ++index) {
+        ASSERT_EQ(half.samples[index], std::lrint(in.samples[index] * 0.5)) << index;
+        ASSERT_EQ(loud.samples[index], std::clamp(in.samples[index] * 3, -32768, 32767)) << index;
+    }
+    EXPECT_EQ(read_wav(path("again.wav")).samples, half.samples);
+    expect_whole("half.wav");
+}
+
+TEST_F(NoxRun, ALoopPlaysTheFileSeveralTimesWithoutAGap)
+{
+    const Wav once = sweep(11025, 1, 1000);
+    write_wav(path("odd.wav"), once, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+    const Result result = play("wavsrc location=@odd.wav loop=3 ! wavsink location=@thrice.wav");
+    EXPECT_EQ(result.code, 0) << result.err;
+    std::vector<int16_t> expected;
+    for (int time = 0; time < 3; ++time)
+        expected.insert(expected.end(), once.samples.begin(), once.samples.end());
+    EXPECT_EQ(read_wav(path("thrice.wav")).samples, expected);
+}
+
+TEST_F(NoxRun, ASignalEndsTheStreamAndLeavesAWholeFile)
+{
+    const Result result =
+        play("wavsrc location=@in.wav loop=4000 ! wavsink location=@cut.wav sync=true",
+             [](pid_t process, const ErrorsSoFar &) {
+                 EXPECT_TRUE(wait_until([] { return read_file(path("cut.wav")).size() > 20000; }));
+                 kill(process, SIGINT);
+             });
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_NE(result.err.find("ending the stream"), std::string::npos);
+    expect_whole("cut.wav");
+}
+
+TEST_F(NoxRun, ASecondSignalStopsByForceWhatDoesNotEnd)
+{
+    const Result result = play(
+        "endless ! wavsink location=@endless.wav", [](pid_t process, const ErrorsSoFar &errors) {
+            const auto says = [&](const char *text) {
+                return wait_until([&] { return errors().find(text) != std::string::npos; });
+            };
+            EXPECT_TRUE(says("Successfully started"));
+            EXPECT_TRUE(wait_until([] { return read_file(path("endless.wav")).size() > 99; }));
+            kill(process, SIGTERM);
+            EXPECT_TRUE(says("ending the stream"));
+            kill(process, SIGINT);
+        });
+    EXPECT_EQ(result.code, 130) << result.err;
+    EXPECT_NE(result.err.find("stopped by force"), std::string::npos);
+    EXPECT_EQ(result.err.find("still alive"), std::string::npos) << result.err;
+    expect_whole("endless.wav");
+}
+
+TEST_F(NoxRun, AFileThatIsPlayedIsNotOverwritten)
+{
+    const std::string before = read_file(path("in.wav"));
+    const Result result = play("wavsrc location=@in.wav ! wavsink location=@in.wav");
+    EXPECT_EQ(result.code, 1);
+    EXPECT_NE(result.err.find("it is being read or written"), std::string::npos) << result.err;
+    EXPECT_EQ(read_file(path("in.wav")), before);
+}
+
+TEST_F(NoxRun, ADiskThatFillsUpFailsTheRunAndLeavesWhatFitted)
+{
+    const Result result = play("wavsrc location=@in.wav ! tee name=t ! wavsink location=@full.wav "
+                               "t. ! levelsink",
+                               nullptr, 20000);
+    EXPECT_EQ(result.code, 1);
+    EXPECT_NE(result.err.find("PLUGIN_MSG_WRITE from wavsink: cannot write " + path("full.wav")),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(result.err.find("PLUGIN_MSG_WRITE"), result.err.rfind("PLUGIN_MSG_WRITE"));
+    expect_whole("full.wav");
+}
+
+struct FailingRun {
+    const char *notation;
+    int code;
+    const char *says;
+};
+
+class NoxRunFailures : public NoxRun, public testing::WithParamInterface<FailingRun>
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        NoxRun::SetUpTestSuite();
+        const Wav wav = sweep(8000, 1, 800);
+        write_wav(path("float.wav"), wav, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+        write_wav(path("aiff.aiff"), wav, SF_FORMAT_AIFF | SF_FORMAT_PCM_16);
+        const std::string whole = read_file(path("in.wav"));
+        write_file(path("cut.wav"), whole.substr(0, whole.size() / 2));
+        write_file(path("header.wav"), whole.substr(0, 30));
+        write_file(path("text.wav"), "this is no recording, only a text with that name\n");
+    }
+};
+
+TEST_P(NoxRunFailures, AreNamedAndLeaveNothingAlive)
+{
+    const Result result = play(GetParam().notation);
+    EXPECT_EQ(result.code, GetParam().code) << result.err;
+    EXPECT_NE(result.err.find(GetParam().says), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("still alive"), std::string::npos) << result.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    NoxRun, NoxRunFailures,
+    testing::Values(
+        FailingRun{"wavsrc location=@gone.wav ! levelsink", 1, "No such file or directory"},
+        FailingRun{"wavsrc location=/tmp ! levelsink", 1, "not a regular file"},
+        FailingRun{"wavsrc location=@cut.wav ! levelsink", 1, "44124 bytes of its samples"},
+        FailingRun{"wavsrc location=@header.wav ! levelsink", 1, "cannot read"},
+        FailingRun{"wavsrc location=@text.wav ! levelsink", 1, "Format not recognised"},
+        FailingRun{"wavsrc location=@float.wav ! levelsink", 1, "32 bit float; only PCM"},
+        FailingRun{"wavsrc location=@aiff.aiff ! levelsink", 1, "AIFF"},
+        FailingRun{"wavsrc ! levelsink", 1, "option location is missing"},
+        FailingRun{"wavsrc location=@in.wav loop=0 ! levelsink", 1, "loop must be from 1"},
+        FailingRun{"wavsrc location=@in.wav islive=true ! levelsink", 1, "not live"},
+        FailingRun{"wavsrc location=@in.wav ! volume gain=-1 ! levelsink", 1, "gain must be 0"},
+        FailingRun{"wavsrc location=@in.wav ! volume gain=nan ! levelsink", 1, "gain must be 0"},
+        FailingRun{"wavsrc location=@in.wav ! wavsink location=/dev/full", 1, "No space left"},
+        FailingRun{"wavsrc location=@in.wav ! wavsink location=/no/where", 1, "No such file"},
+        FailingRun{"wavsrc location=@in.wav ! wavsink location=(string)''", 1, "is missing"},
+        FailingRun{"wavsrc location=@in.wav ! tee name=t ! wavsink location=@x.wav t. ! wavsink "
+                   "location=@x.wav",
+                   1, "it is being read or written"},
+        FailingRun{"endless format=f32le ! volume ! levelsink", 1, "hands on f32le; 16-bit PCM"},
+        FailingRun{"wavsrc ! unknown ! levelsink", 3,
+                   "no plugin unknown\n  wavsrc ! unknown ! "
+                   "levelsink\n           ^^^^^^^\n"},
+        FailingRun{"wavsrc", 2, "nothing follows wavsrc"},
+        FailingRun{"volume ! levelsink", 2, "nothing feeds volume"},
+        FailingRun{"wavsrc ! wavsrc ! levelsink", 2, "wavsrc is a source"},
+        FailingRun{"wavsrc ! levelsink ! tee", 2, "levelsink is a sink"},
+        FailingRun{"wavsrc ! volume gian=1 ! levelsink", 2, "of volume; it has gain\n"},
+        FailingRun{"wavsrc ! tee on=1 ! levelsink", 2, "it has none"},
+        FailingRun{"wavsrc loop=-1 ! levelsink", 2, "\"-1\" is no value of type uint32"},
+        FailingRun{"wavsrc loop=4294967296 ! levelsink", 2, "does not fit uint32"},
+        FailingRun{"wavsrc ! levelsink sync=maybe", 2, "neither true nor false"},
+        FailingRun{"wavsrc loop=(int8)1 ! levelsink", 2, "the types are char, int16"},
+        FailingRun{"wavsrc loop=(float)1 ! levelsink", 2, "loop of wavsrc is of type uint32"},
+        FailingRun{"wavsrc !! levelsink", 2, "  wavsrc !! levelsink\n         ^^\n"}));
+
+TEST_F(NoxRun, UsageAndCacheErrorsHaveTheirOwnCodes)
+{
+    EXPECT_EQ(run({NOX_RUN, "--cache", path("no-cache"), "a ! b"}).code, 3);
+    EXPECT_EQ(run({NOX_RUN, "--cache"}).code, 2);
+    EXPECT_EQ(run({NOX_RUN, "--cache", path("cache")}).code, 2);
+    EXPECT_EQ(run({NOX_RUN, "--help"}).code, 0);
+    write_file(path("stale"), "wavsrc@/no/such/library.so\n");
+    EXPECT_EQ(run({NOX_RUN, "--cache", path("stale"), "wavsrc"}).code, 3);
+}
+
+TEST_F(NoxRun, ATimeLimitEndsTheStreamLikeASignal)
+{
+    const Result result = run(
+        {NOX_RUN, "--cache", path("cache"), "-q", "--time-limit", "1",
+         with_paths("wavsrc location=@in.wav loop=4000 ! wavsink location=@limit.wav sync=on")});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.err, "");
+    expect_whole("limit.wav");
+}

@@ -1,0 +1,74 @@
+// nox-scan: what it finds, what it leaves out and why, and how it writes.
+
+#include <gtest/gtest.h>
+
+#include "process.h"
+
+namespace fs = std::filesystem;
+
+TEST(NoxScan, PluginsAreListedSortedUnderTheirAbsolutePaths)
+{
+    const TemporaryFolder folder;
+    const std::string cache = folder / "cache";
+    const Result result = run({NOX_SCAN, PLUGIN_FOLDER, "-o", cache});
+    EXPECT_EQ(result.code, 0) << result.err;
+    std::string expected;
+    for (const char *name : {"levelsink", "tee", "volume", "wavsink", "wavsrc"})
+        expected += std::string(name) + "@" + PLUGIN_FOLDER + "/nox" + name + ".so\n";
+    EXPECT_EQ(read_file(cache), expected);
+}
+
+TEST(NoxScan, WhatIsLeftOutIsNamedWithTheReason)
+{
+    const TemporaryFolder folder;
+    for (const auto &entry : fs::directory_iterator(UNFIT_FOLDER))
+        fs::copy(entry, folder / entry.path().filename());
+    const std::string plugin = read_file(std::string(PLUGIN_FOLDER) + "/noxtee.so");
+    std::string foreign = plugin;
+    foreign[18] = 0x14; // the processor in an ELF header, here PowerPC
+    write_file(folder / "foreign.so", foreign);
+    write_file(folder / "cut.so", plugin.substr(0, 2000));
+    write_file(folder / "first.so", plugin);
+    write_file(folder / "second.so.1", plugin);
+    write_file(folder / "text.so", "no library at all\n");
+    write_file(folder / "notes.txt", "not looked at\n");
+    write_file(folder / (std::string(120, 'p') + ".so"), plugin);
+
+    const Result result = run({NOX_SCAN, folder / "", "-o", folder / "cache"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(read_file(folder / "cache"), "tee@" + (folder / "first.so") + "\n");
+    const std::pair<std::string, std::string> reasons[] = {
+        {"crashes.so", "it crashed while it was loaded (Aborted)"},
+        {"exits.so", "it ended the process while it was loaded (exit code 3)"},
+        {"no_descriptor.so", "no plugin descriptor"},
+        {"long_name.so", "more than 47 characters"},
+        {"at_sign.so", "an \"@\""},
+        {"second.so.1", "taken by " + (folder / "first.so")},
+        {"ppp.so", "more than 127 characters"},
+        {"foreign.so", ""},
+        {"cut.so", ""},
+        {"text.so", ""},
+    };
+    for (const auto &[library, reason] : reasons) {
+        const size_t line = result.err.find(library + ": ");
+        ASSERT_NE(line, std::string::npos) << library << "\n" << result.err;
+        const std::string rest = result.err.substr(line, result.err.find('\n', line) - line);
+        EXPECT_NE(rest.find(reason), std::string::npos) << rest;
+    }
+    EXPECT_EQ(result.err.find("notes.txt"), std::string::npos);
+}
+
+TEST(NoxScan, TheOldCacheStaysWhenTheNewOneCannotBeWritten)
+{
+    const TemporaryFolder folder;
+    const std::string cache = folder / "cache";
+    write_file(cache, "old@/path\n");
+    const Result full = run({NOX_SCAN, PLUGIN_FOLDER, "-o", cache}, nullptr, 8);
+    EXPECT_EQ(full.code, 1) << full.err;
+    EXPECT_EQ(read_file(cache), "old@/path\n");
+    EXPECT_EQ(run({NOX_SCAN, PLUGIN_FOLDER, "-o", "/dev/null"}).code, 1);
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+    EXPECT_EQ(run({NOX_SCAN, folder / "nowhere", "-o", cache}).code, 2);
+    EXPECT_EQ(run({NOX_SCAN, PLUGIN_FOLDER, "-o", cache}).code, 0);
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder / ""), {}), 1) << "a draft was left";
+}

@@ -1,0 +1,171 @@
+// nox-run: plays a graph that is written on the command line.
+
+#include <csignal>
+#include <cstdio>
+
+#include <CLI/CLI.hpp>
+
+#include "console.h"
+#include "graph.h"
+#include "nox.h"
+#include "osa/host.h"
+#include "player.h"
+
+namespace
+{
+
+enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2, kPluginOrCache = 3, kForced = 130 };
+
+constexpr char kExamples[] =
+    "Elements are joined by \"!\"; key=value sets an option, name= names an element, and NAME.\n"
+    "starts a further branch from it. Quote the notation, and values with blanks in it.\n"
+    "\n"
+    "Examples:\n"
+    "  nox-run --cache plugins.cache 'wavsrc location=in.wav ! volume gain=0.5 ! wavsink "
+    "location=out.wav'\n"
+    "  nox-run --cache plugins.cache 'wavsrc location=in.wav ! tee name=t ! wavsink "
+    "location=out.wav sync=true t. ! levelsink'\n"
+    "\n"
+    "Ctrl-C ends the stream, a second one stops by force.\n"
+    "Exit codes: 0 done, 1 the run failed, 2 usage, 3 plugin or cache, 130 forced.\n";
+
+struct Settings {
+    std::string cache;
+    std::vector<std::string> words;
+    int verbosity = 0;
+    bool quiet = false;
+    uint32_t time_limit = 0; // seconds
+};
+
+std::string joined(const std::vector<std::string> &words)
+{
+    std::string text;
+    for (const std::string &word : words)
+        text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+
+int fail_at(Console &console, const std::string &text, Place place, const std::string &message,
+            ExitCode code)
+{
+    console.error(message + "\n" + show_place(text, place));
+    return code;
+}
+
+ExitCode exit_code(Outcome outcome)
+{
+    switch (outcome) {
+    case Outcome::done:
+        return kDone;
+    case Outcome::forced:
+        return kForced;
+    case Outcome::failed:
+        break;
+    }
+    return kFailed;
+}
+
+int play(Console &console, Signals &signals, const std::vector<ElementText> &texts,
+         std::chrono::seconds time_limit)
+{
+    const PipePointer pipe(nox_pipe_new("nox-run"));
+    if (pipe == nullptr)
+        throw SetupError("the pipe could not be made");
+    const std::vector<GraphElement> elements = create_elements(pipe.get(), texts);
+    link_elements(elements);
+
+    Player player(console, signals, pipe.get(), elements, time_limit);
+    try {
+        set_options(elements);
+    } catch (...) {
+        player.finish();
+        throw;
+    }
+    for (const GraphElement &element : elements) {
+        uint8_t meter = 0;
+        const StructurePointer format = query_format(element.plugin);
+        if (format != nullptr && nox_structure_getvar_bool(format.get(), "meter", &meter) == 0 &&
+            meter != 0)
+            console.leave_line_to_meter();
+    }
+    return exit_code(player.play());
+}
+
+int run_notation(Console &console, Signals &signals, const Settings &settings)
+{
+    const std::string text = joined(settings.words);
+    try {
+        const std::vector<ElementText> elements = parse_notation(text);
+        if (nox_init(settings.cache.c_str()) != 0)
+            return console.error("cannot read the plugin cache " + settings.cache), kPluginOrCache;
+        console.show_plain_lines();
+        return play(console, signals, elements, std::chrono::seconds(settings.time_limit));
+    } catch (const NotationError &error) {
+        return fail_at(console, text, error.place, error.message, kUsage);
+    } catch (const PluginError &error) {
+        return fail_at(console, text, error.place, error.message, kPluginOrCache);
+    } catch (const SetupError &error) {
+        console.error(error.what());
+        return kFailed;
+    }
+}
+
+// Says what should have been released and was not; whether all was.
+bool nothing_is_alive(Console &console)
+{
+    OSA_Alive alive;
+    OSA_AliveGet(&alive);
+    if (OSA_AliveIsNothing(&alive) != 0)
+        return true;
+    console.error("still alive: " + std::to_string(alive.blocks + alive.pool_blocks) +
+                  " blocks of memory, " + std::to_string(alive.threads) + " threads, " +
+                  std::to_string(alive.libraries) + " libraries, " + std::to_string(alive.files) +
+                  " files, " + std::to_string(alive.mutexes + alive.events + alive.queues) +
+                  " mutexes, events and queues");
+    return false;
+}
+
+int run(const Settings &settings)
+{
+    // A reader that has gone away, or a limit on file sizes, is an error to report and
+    // must not end the process with half a header written.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    Signals signals;
+    Console console(settings.quiet);
+    OSA_TraceSetLevel(OSA_TRACE_ERROR + settings.verbosity);
+    const int code = run_notation(console, signals, settings);
+    nox_deinit();
+    return nothing_is_alive(console) || code != kDone ? code : kFailed;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Settings settings;
+    CLI::App app("Plays a graph of plugins to the end of its stream.", "nox-run");
+    app.footer(kExamples);
+    app.set_version_flag("--version", core_version_nox_string());
+    app.add_option("--cache", settings.cache, "Plugin cache, written by nox-scan")
+        ->envname("NOX_CACHE")
+        ->type_name("FILE")
+        ->required();
+    app.add_flag("-v,--verbose", settings.verbosity,
+                 "Show the library's traces; up to three times for more");
+    app.add_flag("-q,--quiet", settings.quiet, "Show nothing but errors");
+    app.add_option("--time-limit", settings.time_limit, "End the stream after so many seconds")
+        ->type_name("SECONDS");
+    app.add_option("notation", settings.words, "The graph, in one word or several")->required();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? kDone : kUsage;
+    }
+    try {
+        return run(settings);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "nox-run: %s\n", error.what());
+        return kFailed;
+    }
+}

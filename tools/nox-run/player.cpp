@@ -1,0 +1,280 @@
+// The main thread's loop: it sleeps in poll until a message, a signal or a moment
+// comes. All changes of state are made here.
+//
+// End of stream on request: a source ends on its own thread, where alone it may push
+// the event beside its buffers. So each source is asked to, with NOX_EVENT_EOS; one
+// that does not know the event is stopped by force a little later.
+
+#include "player.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <system_error>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "noxbasesrc.h"
+#include "plugins/plugin_messages.h"
+
+namespace
+{
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds kPatience{5};
+constexpr milliseconds kProgressInterval{200};
+
+// Posted by finish() behind all other messages; no plugin's code.
+constexpr int32_t kMarker = 0x7E0D;
+
+struct CodeName {
+    int32_t code;
+    const char *name;
+};
+
+constexpr CodeName kCodeNames[] = {
+    {NOX_MSG_STARTED, "NOX_MSG_STARTED"},
+    {NOX_MSG_EOS, "NOX_MSG_EOS"},
+    {NOX_MSG_SINK, "NOX_MSG_SINK"},
+    {NOX_MSG_PUSH_ERROR, "NOX_MSG_PUSH_ERROR"},
+    {NOX_MSG_CAPTURE_ERROR, "NOX_MSG_CAPTURE_ERROR"},
+    {NOX_MSG_BUS_CRITICAL, "NOX_MSG_BUS_CRITICAL"},
+    {PLUGIN_MSG_OPTION, "PLUGIN_MSG_OPTION"},
+    {PLUGIN_MSG_FORMAT, "PLUGIN_MSG_FORMAT"},
+    {PLUGIN_MSG_READ, "PLUGIN_MSG_READ"},
+    {PLUGIN_MSG_WRITE, "PLUGIN_MSG_WRITE"},
+    {PLUGIN_MSG_MEMORY, "PLUGIN_MSG_MEMORY"},
+};
+
+std::string code_name(int32_t code)
+{
+    for (const CodeName &entry : kCodeNames)
+        if (entry.code == code)
+            return entry.name;
+    char number[16];
+    std::snprintf(number, sizeof number, "0x%X", static_cast<unsigned>(code));
+    return number;
+}
+
+// Every sink has ended. Other texts come under the same code when a source could
+// not go on.
+bool is_end_of_stream(const Message &message)
+{
+    return message.code == NOX_MSG_EOS && message.text == "EOS.\n";
+}
+
+std::string without_line_feed(std::string text)
+{
+    if (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    return text;
+}
+
+sigset_t ending_signals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&set, signal);
+    return set;
+}
+
+int open_signals()
+{
+    const sigset_t set = ending_signals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    const int descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (descriptor < 0)
+        throw std::system_error(errno, std::generic_category(), "signalfd");
+    return descriptor;
+}
+
+} // namespace
+
+Signals::Signals() : descriptor_(open_signals()) {}
+
+Signals::~Signals()
+{
+    close(descriptor_);
+}
+
+bool Signals::take()
+{
+    signalfd_siginfo information;
+    return read(descriptor_, &information, sizeof information) == sizeof information;
+}
+
+void Signals::let_kill()
+{
+    const sigset_t set = ending_signals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+Player::Player(Console &console, Signals &signals, NOXPipe *pipe,
+               const std::vector<GraphElement> &elements, seconds time_limit)
+    : console_(console), signals_(signals), pipe_(pipe), elements_(elements)
+{
+    if (time_limit.count() > 0)
+        end_at_ = Clock::now() + time_limit;
+    nox_pipe_set_bus_handler(pipe_, Mailbox::on_message, &mailbox_);
+}
+
+Outcome Player::play()
+{
+    // READY on the way is where a plugin can refuse what PLAY would hide: a file that
+    // cannot be written, a stream it does not understand.
+    nox_pipe_set_option(pipe_, NOX_PIPE_OPT_PLAY_VIA_READY);
+    if (nox_pipe_set_state(pipe_, NOX_STATE_PLAY) != 0)
+        outcome_ = Outcome::failed;
+    while (!outcome_) {
+        wait();
+        if (signals_.take())
+            handle_signal();
+        take_messages();
+        check_time();
+        show_progress();
+    }
+    if (finish() && outcome_ == Outcome::done)
+        outcome_ = Outcome::failed;
+    return *outcome_;
+}
+
+bool Player::finish()
+{
+    nox_pipe_set_state(pipe_, NOX_STATE_NULL);
+    if (nox_plugin_error_post(&pipe_->plugin, kMarker, nullptr) != 0)
+        return failed_;
+    const Clock::time_point give_up = Clock::now() + kPatience;
+    while (!marker_seen_ && Clock::now() < give_up) {
+        pollfd ready = {mailbox_.descriptor(), POLLIN, 0};
+        poll(&ready, 1, static_cast<int>(kProgressInterval.count()));
+        take_messages();
+    }
+    nox_pipe_set_bus_handler(pipe_, nullptr, nullptr);
+    return failed_;
+}
+
+void Player::wait()
+{
+    pollfd ready[] = {{mailbox_.descriptor(), POLLIN, 0}, {signals_.descriptor(), POLLIN, 0}};
+    poll(ready, 2, poll_timeout());
+}
+
+int Player::poll_timeout() const
+{
+    const bool waits_for_a_moment = console_.shows_progress() || end_at_ || force_at_;
+    return waits_for_a_moment ? static_cast<int>(kProgressInterval.count()) : -1;
+}
+
+void Player::handle_signal()
+{
+    if (!force_at_)
+        return end_stream("ending the stream; once more stops by force");
+    console_.error("stopped by force");
+    signals_.let_kill();
+    outcome_ = Outcome::forced;
+}
+
+void Player::end_stream(const std::string &reason)
+{
+    console_.note(reason);
+    end_at_.reset();
+    force_at_ = Clock::now() + kPatience;
+    NOXEvent event = {nullptr, NOX_EVENT_EOS};
+    for (const GraphElement &element : elements_)
+        if (element.plugin->issrc != 0)
+            nox_plugin_setevent(element.plugin, &event);
+}
+
+void Player::check_time()
+{
+    if (outcome_)
+        return;
+    if (end_at_ && Clock::now() >= *end_at_)
+        end_stream("the time limit has passed; ending the stream");
+    if (force_at_ && Clock::now() >= *force_at_) {
+        console_.error("the stream did not end; stopped by force");
+        outcome_ = Outcome::forced;
+    }
+}
+
+void Player::take_messages()
+{
+    while (const std::optional<Message> message = mailbox_.take())
+        handle(*message);
+}
+
+void Player::handle(const Message &message)
+{
+    if (message.code == kMarker) {
+        marker_seen_ = true;
+        return;
+    }
+    const std::string text = code_name(message.code) + " from " + message.sender +
+                             (message.text.empty() ? "" : ": " + without_line_feed(message.text));
+    if (is_failure(message)) {
+        console_.error(text);
+        failed_ = true;
+        if (!outcome_)
+            outcome_ = Outcome::failed;
+        return;
+    }
+    if (!is_end_of_stream(message))
+        return console_.note(text);
+    // Each sink that hears the end while all have ended makes the pipe post again.
+    if (!outcome_) {
+        console_.note(text);
+        outcome_ = Outcome::done;
+    }
+}
+
+bool Player::is_failure(const Message &message) const
+{
+    const bool plugin_error =
+        message.code >= PLUGIN_MSG_FIRST_ERROR && message.code <= PLUGIN_MSG_LAST_ERROR;
+    if (plugin_error || message.code == NOX_MSG_PUSH_ERROR || message.code == NOX_MSG_BUS_CRITICAL)
+        return true;
+    if (message.code == NOX_MSG_EOS)
+        return !is_end_of_stream(message);
+    if (message.code != NOX_MSG_CAPTURE_ERROR)
+        return false;
+    // With these policies the source goes on by itself.
+    for (const GraphElement &element : elements_) {
+        const auto *source = reinterpret_cast<const NOXBaseSrc *>(element.plugin);
+        if (element.plugin->issrc != 0 && message.sender == element.text.name)
+            return source->errhandle != NOX_ERRHANDLE_RETRY &&
+                   source->errhandle != NOX_ERRHANDLE_RESTART;
+    }
+    return true;
+}
+
+// The position that the first source tells, or else the pipeline clock.
+void Player::show_progress()
+{
+    if (!console_.shows_progress() || outcome_)
+        return;
+    uint64_t position = nox_timer_gettime(pipe_->clock);
+    uint64_t duration = 0;
+    for (const GraphElement &element : elements_) {
+        if (element.plugin->issrc == 0)
+            continue;
+        const StructurePointer facts = query_format(element.plugin);
+        if (facts == nullptr)
+            continue;
+        nox_structure_getvar_uint64(facts.get(), "stream.position", &position);
+        nox_structure_getvar_uint64(facts.get(), "stream.duration", &duration);
+        break;
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(position) / 1000);
+    std::string line = text;
+    if (duration > 0) {
+        std::snprintf(text, sizeof text, " of %.1f s", static_cast<double>(duration) / 1000);
+        line += text;
+    }
+    console_.progress(line);
+}
