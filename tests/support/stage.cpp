@@ -46,6 +46,8 @@ int32_t probe_start(Base *base)
     note(name_of(base) + " start");
     Script &script = script_of<Probe>(base);
     ++script.started;
+    if (script.start_ms != 0)
+        OSA_ThreadSleep(script.start_ms);
     return script.start_result;
 }
 

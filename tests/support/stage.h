@@ -29,6 +29,7 @@ struct Script {
 
     // What the slots answer.
     std::atomic<int32_t> start_result{0};
+    std::atomic<uint32_t> start_ms{0}; // how long a start takes
     std::atomic<int32_t> setstate_result{0};
     std::atomic<int32_t> event_result{0};
     std::function<void()> on_stop;

@@ -1,0 +1,263 @@
+// The base sink: throughput, the wait for the clock, messages, events. And the
+// base filter's fixed answers.
+
+#include <gtest/gtest.h>
+
+#include "tests/support/stage.h"
+
+namespace
+{
+
+// A sink in a pipe, with buffers handed to it directly.
+class Sink : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        nox_pipe_add_plugin(pipe, sink);
+        inbox.attach(pipe);
+    }
+
+    void TearDown() override
+    {
+        nox_object_delete(pipe);
+        EXPECT_EQ("", stage.end());
+    }
+
+    int32_t render(uint64_t timestamp, uint32_t bytes = 0)
+    {
+        NOXBuffer *buffer = nox_buffer_new(0);
+        buffer->datasize = bytes;
+        nox_buffer_set_timestamp(buffer, timestamp);
+        const int32_t result = sink->chain_func(sink, buffer);
+        nox_object_delete(buffer);
+        return result;
+    }
+
+    // `count` buffers of `bytes` bytes, evenly spread over one measuring period of
+    // `elapsed` ms, the first at its beginning; the report's line.
+    std::string report_of(uint32_t count, uint64_t elapsed, uint32_t bytes)
+    {
+        auto *base = reinterpret_cast<NOXBaseSink *>(sink);
+        base->firstts = 0;
+        base->frames = 0;
+        base->bytes = 0;
+        SIM_TraceClear();
+        for (uint32_t i = 0; i + 1 < count; ++i)
+            render(40 + i, bytes);
+        render(40 + elapsed, bytes);
+        for (const SIM_TraceLine &line : SIM_Traces())
+            if (line.level == 0)
+                return line.text;
+        return "";
+    }
+
+    NOXBaseSink *base()
+    {
+        return reinterpret_cast<NOXBaseSink *>(sink);
+    }
+
+    Stage stage{{.first_tick = 123}};
+    NOXPipe *pipe = nox_pipe_new("display");
+    NOXPlugin *sink = new_sink("k");
+    Inbox inbox;
+};
+
+} // namespace
+
+TEST_F(Sink, PrintsItsThroughputEveryFiveSecondsOfStreamTime)
+{
+    set_option(sink, NOX_TYPE_BOOL, "verbose", 1);
+    EXPECT_EQ("00000000123 : [k] 25.20 fps, 002.0 Mbps  \n", report_of(126, 5000, 10000));
+    EXPECT_EQ("", report_of(126, 4999, 10000)) << "the period is not over";
+    EXPECT_EQ("00000000123 : [k] 25.00 fps, 1000.0 Kbps  \n", report_of(125, 5000, 5000));
+    EXPECT_EQ("00000000123 : [k] 00.40 fps, -397934.6 Kbps  \n", report_of(2, 5000, 0x98968000))
+        << "the bit rate wraps in 32 bits";
+}
+
+TEST_F(Sink, MarksRatesHalfAboveTheirTargets)
+{
+    int32_t rate = -1;
+    int32_t *address = &rate;
+    NOXStructure *format = nox_structure_new("format");
+    nox_structure_putvar_void(format, "rateoutvar", 0, &address);
+    nox_structure_putvar1(NOX_TYPE_BOOL, format, "verbose", 0, 1);
+    nox_structure_putvar1(NOX_TYPE_INT32, format, "targetfps", 0, 30);
+    nox_structure_putvar1(NOX_TYPE_INT32, format, "targetbps", 0, -1);
+    EXPECT_EQ(0, nox_plugin_setformat(sink, format));
+    EXPECT_EQ(nullptr, base()->rateoutvar) << "no bytes to write to";
+    EXPECT_EQ(0, base()->targetbps);
+    nox_structure_putvar_void(format, "rateoutvar", sizeof(rate), &address);
+    nox_plugin_setformat(sink, format);
+    nox_object_delete(format);
+
+    const std::string high = "\033[33m (HIGH FPS)\033[0m";
+    EXPECT_NE(std::string::npos, report_of(225, 5000, 0).find(high)) << "45.0";
+    EXPECT_EQ(45, rate);
+    EXPECT_EQ(std::string::npos, report_of(225, 5011, 0).find(high)) << "44.9";
+    EXPECT_EQ(45, rate) << "rounded";
+    set_option(sink, NOX_TYPE_INT32, "targetfps", 0x7FFFFFFF);
+    EXPECT_EQ(std::string::npos, report_of(225, 5000, 0).find(high)) << "no overflow";
+    set_option(sink, NOX_TYPE_INT32, "targetbps", 8000);
+    EXPECT_NE(std::string::npos, report_of(225, 5000, 40).find("(HIGH BITRATE)"));
+}
+
+TEST_F(Sink, HoldsABufferUntilTheClockReachesIt)
+{
+    set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+    nox_timer_start(pipe->clock);
+    SIM_TickAdvance(1000);
+    struct Case {
+        uint64_t ahead_ms;
+        uint64_t held_ms;
+    };
+    for (const Case &test : {Case{1000, 1000}, Case{2, 2}, Case{1, 0}, Case{0, 0}}) {
+        const uint64_t before = SIM_Tick();
+        render(nox_timer_gettime(pipe->clock) + test.ahead_ms);
+        EXPECT_EQ(test.held_ms, SIM_Tick() - before) << test.ahead_ms;
+    }
+    const uint64_t before = SIM_Tick();
+    render(0);
+    render(10);
+    EXPECT_EQ(before, SIM_Tick()) << "no timestamp, and one long past";
+    EXPECT_EQ(6u, script("k").taken) << "nothing is dropped";
+}
+
+TEST_F(Sink, NeverSleepsForAWrappedDifferenceWhenTheClockJumps)
+{
+    set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+    nox_timer_start(pipe->clock);
+    nox_timer_settime_absolute(pipe->clock, 1000);
+    for (uint64_t seed = 0; seed < 20; ++seed) {
+        // Another thread moves the clock while the sink reads it.
+        OSA_Thread *mover = OSA_ThreadCreate(
+            "mover", 0, 0,
+            [](void *clock) {
+                for (uint64_t time : {5000, 1, 900'000})
+                    nox_timer_settime_absolute(static_cast<NOXTimer *>(clock), time);
+                return 0;
+            },
+            pipe->clock);
+        const uint64_t before = SIM_Tick();
+        render(1500);
+        EXPECT_LE(SIM_Tick() - before, 1500u);
+        OSA_ThreadDelete(mover, nullptr);
+    }
+}
+
+TEST_F(Sink, WaitsForTheClockToStart)
+{
+    set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+    base()->discont = 1;
+    OSA_Thread *starter = OSA_ThreadCreate(
+        "starter", 0, 0,
+        [](void *clock) {
+            OSA_ThreadSleep(3000);
+            nox_timer_start(static_cast<NOXTimer *>(clock));
+            return 0;
+        },
+        pipe->clock);
+    const uint64_t before = SIM_Tick();
+    render(200);
+    EXPECT_EQ(3200u, SIM_Tick() - before);
+    EXPECT_EQ(0, base()->discont);
+    OSA_ThreadDelete(starter, nullptr);
+}
+
+TEST(SinkAndSource, AStopReachesASourceWhoseSinkWaitsForAClockThatNeverStarts)
+{
+    Stage stage;
+    NOXPipe *pipe = nox_pipe_new("player");
+    script("s").live = false;
+    NOXPlugin *source = new_source("s");
+    NOXPlugin *broken = new_source("broken");
+    NOXPlugin *sink = new_sink("k");
+    NOXPlugin *other = new_sink("k2");
+    nox_pipe_add_plugin_many(pipe, source, broken, sink, other, nullptr);
+    nox_plugin_link(source, sink);
+    nox_plugin_link(broken, other);
+    set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+    script("broken").start_result = -1;
+    EXPECT_EQ(-1, nox_pipe_set_state(pipe, NOX_STATE_PLAY)) << "so the clock is not started";
+    OSA_ThreadSleep(1000);
+    EXPECT_EQ(0u, script("k").taken);
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_NULL));
+    nox_object_delete(pipe);
+    EXPECT_EQ("", stage.end());
+}
+
+TEST_F(Sink, ReportsItsFirstDataOnce)
+{
+    set_option(sink, NOX_TYPE_BOOL, "report", 1);
+    render(1);
+    OSA_ThreadSleep(10);
+    EXPECT_TRUE(inbox.messages().empty()) << "with neither verbose nor sync";
+    base()->sync_func = [](NOXBaseSink *, NOXBuffer *) {};
+    set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+    render(1);
+    render(2);
+    set_option(sink, NOX_TYPE_BOOL, "report", 1);
+    set_option(sink, NOX_TYPE_BOOL, "verbose", 1);
+    report_of(2, 5000, 1);
+    OSA_ThreadSleep(10);
+    // The second report of the two: by the first buffer of its period, which syncs.
+    EXPECT_EQ((std::vector<Posted>{{"k", NOX_MSG_SINK, "sink rendered"},
+                                   {"k", NOX_MSG_SINK, "sink rendered"}}),
+              inbox.messages());
+}
+
+TEST_F(Sink, EventsAreRecordedWhateverTheDerivedSinkAnswers)
+{
+    script("k").event_result = 6;
+    render(1);
+    EXPECT_EQ(1, nox_basesink_get_dataready(sink));
+    NOXEvent stopping{nullptr, NOX_EVENT_STOPPING};
+    EXPECT_EQ(6, nox_plugin_setevent(sink, &stopping));
+    EXPECT_EQ(0, nox_basesink_get_dataready(sink));
+    EXPECT_EQ(1, base()->discont);
+    NOXEvent eos{nullptr, NOX_EVENT_EOS};
+    EXPECT_EQ(6, nox_plugin_setevent(sink, &eos));
+    EXPECT_EQ(1, nox_basesink_get_eos(sink));
+    OSA_ThreadSleep(10);
+    EXPECT_EQ(1u, inbox.count(NOX_MSG_EOS));
+}
+
+TEST_F(Sink, CannotStartWithoutARenderFunctionAndIgnoresTheDerivedResults)
+{
+    script("k").start_result = -1;
+    EXPECT_EQ(0, nox_plugin_start(sink));
+    EXPECT_EQ(0, nox_plugin_stop(sink));
+    base()->render_func = nullptr;
+    EXPECT_EQ(-1, nox_plugin_start(sink));
+    EXPECT_EQ(1u, SIM_TraceCount("must be declaration render function\n", 1));
+}
+
+TEST(Filter, AnswersForAMissingFunctionAndTurnsFailuresIntoMinusOne)
+{
+    Stage stage;
+    NOXPlugin *plugin = new_filter("f");
+    auto *filter = reinterpret_cast<NOXBaseFilter *>(plugin);
+    NOXEvent event{nullptr, NOX_EVENT_RESET};
+    script("f").start_result = 5;
+    script("f").event_result = 5;
+    EXPECT_EQ(-1, nox_plugin_start(plugin));
+    EXPECT_EQ(-1, nox_plugin_setevent(plugin, &event));
+    EXPECT_EQ(2u, SIM_TraceCount("plugin start failed\n", 1));
+    filter->stop_func = [](NOXBaseFilter *) -> int32_t { return 5; };
+    EXPECT_EQ(5, nox_plugin_stop(plugin));
+    EXPECT_EQ(1u, SIM_TraceCount("pfilter(f) stop error(5)\n", 1));
+
+    filter->start_func = filter->stop_func = filter->finalize_func = nullptr;
+    filter->event_func = nullptr;
+    filter->setstate_func = nullptr;
+    filter->chain_func = nullptr;
+    EXPECT_EQ(0, nox_plugin_start(plugin));
+    EXPECT_EQ(0, nox_plugin_stop(plugin));
+    EXPECT_EQ(0, nox_plugin_setevent(plugin, &event));
+    EXPECT_EQ(-1, plugin->setstate_func(plugin, NOX_STATE_READY));
+    EXPECT_EQ(-1, plugin->chain_func(plugin, nullptr));
+    EXPECT_EQ(nullptr, plugin->getallocator_func(plugin));
+    nox_object_delete(plugin);
+    EXPECT_EQ(1u, SIM_TraceCount("name(f) finalize error\n", 1));
+    EXPECT_EQ("", stage.end());
+}

@@ -1,0 +1,174 @@
+// Pausing: whatever the schedule, a pause parks the source, and only leaving the
+// pause lets it go on.
+
+#include <gtest/gtest.h>
+
+#include "tests/support/stage.h"
+
+namespace
+{
+
+constexpr uint64_t kSeeds = 150;
+
+// A source and a sink in a pipe, under one seed.
+struct Player {
+    explicit Player(uint64_t seed, bool live = true) : stage({.seed = seed})
+    {
+        script("s").live = live;
+        script("s").interval_ms = 2;
+        source = new_source("s");
+        sink = new_sink("k");
+        pipe = nox_pipe_new("player");
+        nox_pipe_add_plugin_many(pipe, source, sink, nullptr);
+        nox_plugin_link(source, sink);
+    }
+
+    void to(int32_t state)
+    {
+        EXPECT_EQ(0, nox_pipe_set_state(pipe, state));
+    }
+
+    // Buffers that arrive in the next 50 ms.
+    uint32_t arriving()
+    {
+        const uint32_t before = script("k").taken;
+        OSA_ThreadSleep(50);
+        return script("k").taken - before;
+    }
+
+    void end()
+    {
+        to(NOX_STATE_NULL);
+        EXPECT_EQ(0u, arriving());
+        nox_object_delete(pipe);
+        EXPECT_EQ("", stage.end());
+    }
+
+    Stage stage;
+    NOXPlugin *source;
+    NOXPlugin *sink;
+    NOXPipe *pipe;
+};
+
+template <typename Story>
+void under_all_seeds(bool live, Story story)
+{
+    for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        Player player(seed, live);
+        story(player);
+        player.end();
+        if (::testing::Test::HasFailure())
+            return;
+    }
+}
+
+} // namespace
+
+TEST(Pause, ParksTheSourceEveryTimeAndPlayWakesIt)
+{
+    under_all_seeds(true, [](Player &player) {
+        player.to(NOX_STATE_PLAY);
+        for (int round = 0; round < 4; ++round) {
+            OSA_ThreadSleep(static_cast<uint32_t>(round) * 3);
+            player.to(NOX_STATE_PAUSE);
+            EXPECT_EQ(0u, player.arriving()) << "round " << round;
+            player.to(NOX_STATE_PLAY);
+            if (round % 2 == 0) { // else pause again at once
+                EXPECT_GT(player.arriving(), 0u) << "round " << round;
+            }
+        }
+    });
+}
+
+TEST(Pause, OfASourceThatIsNotLiveTakesEffectWithItsNextPass)
+{
+    under_all_seeds(false, [](Player &player) {
+        player.to(NOX_STATE_PLAY);
+        for (int round = 0; round < 3; ++round) {
+            player.to(NOX_STATE_PAUSE);
+            OSA_ThreadSleep(10);
+            EXPECT_EQ(0u, player.arriving()) << "round " << round;
+            player.to(NOX_STATE_PLAY);
+            EXPECT_GT(player.arriving(), 0u) << "round " << round;
+        }
+        player.to(NOX_STATE_PAUSE);
+    });
+}
+
+TEST(Pause, EveryWayOutOfItWorksThroughReadyToo)
+{
+    for (bool live : {true, false}) {
+        under_all_seeds(live, [](Player &player) {
+            player.to(NOX_STATE_PLAY);
+            player.to(NOX_STATE_PAUSE);
+            player.to(NOX_STATE_READY);
+            player.to(NOX_STATE_PLAY);
+            EXPECT_GT(player.arriving(), 0u);
+            player.to(NOX_STATE_PAUSE);
+            player.to(NOX_STATE_READY);
+            player.to(NOX_STATE_NULL);
+            player.to(NOX_STATE_PLAY);
+            EXPECT_GT(player.arriving(), 0u);
+            player.to(NOX_STATE_PAUSE);
+        });
+    }
+}
+
+TEST(Pause, AParkedSourceCanBeStoppedDirectly)
+{
+    for (bool live : {true, false}) {
+        under_all_seeds(live, [](Player &player) {
+            player.to(NOX_STATE_PLAY);
+            player.to(NOX_STATE_PAUSE);
+            EXPECT_EQ(0, nox_pipe_stop(player.pipe));
+            EXPECT_EQ(nullptr, reinterpret_cast<NOXBaseSrc *>(player.source)->thread);
+        });
+    }
+}
+
+TEST(Pause, OfASourceThatDiesAtAnyPointReturns)
+{
+    under_all_seeds(true, [](Player &player) {
+        const uint32_t lifetime = static_cast<uint32_t>(SIM_Seed() % 7);
+        script("s").buffers = lifetime; // then the policy is to quit
+        player.to(NOX_STATE_PLAY);
+        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 11));
+        for (int round = 0; round < 3; ++round) {
+            player.to(NOX_STATE_PAUSE);
+            player.to(NOX_STATE_PLAY);
+        }
+        OSA_ThreadSleep(100);
+        player.to(NOX_STATE_PAUSE);
+        EXPECT_LE(script("k").taken, lifetime);
+    });
+}
+
+TEST(Pause, MeasuresNoIntervalAcrossIt)
+{
+    Player player(1);
+    player.to(NOX_STATE_PLAY);
+    nox_timer_settime_absolute(player.pipe->clock, 100'000);
+    EXPECT_GT(player.arriving(), 0u);
+    SIM_TraceClear();
+    player.to(NOX_STATE_PAUSE);
+    nox_timer_settime_absolute(player.pipe->clock, 10); // would be a reversal
+    player.to(NOX_STATE_PLAY);
+    EXPECT_GT(player.arriving(), 0u);
+    EXPECT_EQ(0u, SIM_TraceCount("Reversed timestamp"));
+    player.end();
+}
+
+TEST(Pause, BeforeThePipeHasStartedEndsTheThread)
+{
+    Player player(1);
+    nox_plugin_setstate(player.sink, NOX_STATE_PLAY);
+    nox_plugin_setstate(player.source, NOX_STATE_PLAY);
+    OSA_ThreadSleep(20);
+    EXPECT_EQ(0, nox_plugin_setstate(player.source, NOX_STATE_PAUSE));
+    EXPECT_EQ(0, player.source->started);
+    EXPECT_EQ(0, nox_plugin_setstate(player.source, NOX_STATE_NULL));
+    nox_plugin_setstate(player.sink, NOX_STATE_NULL);
+    nox_object_delete(player.pipe);
+    EXPECT_EQ("", player.stage.end());
+}

@@ -1,0 +1,223 @@
+// The order of state changes and events over a graph, and end of stream.
+
+#include <gtest/gtest.h>
+
+#include "tests/support/stage.h"
+
+namespace
+{
+
+using Lines = std::vector<std::string>;
+
+// Two sources; the first feeds a filter and a tee with three branches, the second
+// of which branches again; the second source feeds one sink.
+//
+//     s1 -> a -> t -> u -> k1
+//                     u -> k2
+//                t -> k3
+//                t -> k4
+//     s2 -> k5
+class Graph : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        nox_pipe_add_plugin_many(pipe, k4, s1, a, t, u, k1, k2, k3, s2, k5, nullptr);
+        nox_plugin_link_many(s1, a, t, u, k1, nullptr);
+        nox_plugin_link(u, k2);
+        nox_plugin_link(t, k3);
+        nox_plugin_link(t, k4);
+        nox_plugin_link(s2, k5);
+        for (const char *name : {"s1", "s2"})
+            script(name).buffers = 0;
+        inbox.attach(pipe);
+        log_enabled = true;
+    }
+
+    void TearDown() override
+    {
+        log_enabled = false;
+        if (pipe != nullptr) {
+            nox_pipe_set_state(pipe, NOX_STATE_NULL);
+            nox_object_delete(pipe);
+        }
+        EXPECT_EQ("", stage.end());
+    }
+
+    // The changes that `state` brings, without starts and stops.
+    Lines changes_to(int32_t state)
+    {
+        take_log();
+        EXPECT_EQ(0, nox_pipe_set_state(pipe, state));
+        Lines names;
+        const std::string suffix = std::string(" to ") + nox_plugin_state_str(state);
+        for (const std::string &line : take_log())
+            if (line.ends_with(suffix))
+                names.push_back(line.substr(0, line.size() - suffix.size()));
+        return names;
+    }
+
+    Stage stage;
+    NOXPipe *pipe = nox_pipe_new("player");
+    NOXPlugin *s1 = new_source("s1");
+    NOXPlugin *a = new_filter("a");
+    NOXPlugin *t = new_filter("t");
+    NOXPlugin *u = new_filter("u");
+    NOXPlugin *k1 = new_sink("k1");
+    NOXPlugin *k2 = new_sink("k2");
+    NOXPlugin *k3 = new_sink("k3");
+    NOXPlugin *k4 = new_sink("k4");
+    NOXPlugin *s2 = new_source("s2");
+    NOXPlugin *k5 = new_sink("k5");
+    Inbox inbox;
+};
+
+const Lines kDownstream = {"a", "t", "u", "k1", "k2", "k3", "k4", "k5"};
+const Lines kSources = {"s1", "s2"};
+
+Lines joined(const Lines &first, const Lines &second)
+{
+    Lines all = first;
+    all.insert(all.end(), second.begin(), second.end());
+    return all;
+}
+
+} // namespace
+
+TEST_F(Graph, UpwardTheSourcesChangeLastDownwardFirst)
+{
+    EXPECT_EQ(joined(kDownstream, kSources), changes_to(NOX_STATE_READY));
+    EXPECT_EQ(joined(kDownstream, kSources), changes_to(NOX_STATE_PLAY));
+    EXPECT_EQ(joined(kSources, kDownstream), changes_to(NOX_STATE_PAUSE));
+    EXPECT_EQ(joined(kDownstream, kSources), changes_to(NOX_STATE_PLAY));
+    EXPECT_EQ(joined(kSources, kDownstream), changes_to(NOX_STATE_NULL));
+    EXPECT_EQ(0u, SIM_TraceCount("critical error"));
+}
+
+TEST_F(Graph, OptionsReverseTheWayToNullAndInsertReady)
+{
+    nox_pipe_set_option(pipe, NOX_PIPE_OPT_REVERSE_NULL | NOX_PIPE_OPT_PLAY_VIA_READY);
+    EXPECT_EQ(joined(kDownstream, kSources), changes_to(NOX_STATE_PLAY));
+    EXPECT_EQ(1u, SIM_TraceCount("plg (k3) state to READY. depth(0)\n", 3));
+    EXPECT_EQ((Lines{"s2", "s1", "k5", "k3", "k2", "k1", "u", "t", "a", "k4"}),
+              changes_to(NOX_STATE_NULL));
+}
+
+TEST_F(Graph, FromPauseToNullTheStopIsAnnouncedToAllSinksFirst)
+{
+    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
+    nox_pipe_set_state(pipe, NOX_STATE_PAUSE);
+    take_log();
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_NULL));
+    Lines expected;
+    for (const char *type : {" event 2", " event 3"})
+        for (const char *name : {"k4", "t", "a", "k1", "u", "t", "a", "k2", "u", "t", "a", "k3",
+                                 "t", "a", "k5", "s1", "s2"})
+            expected.push_back(std::string(name) + type);
+    Lines seen = take_log();
+    ASSERT_GE(seen.size(), expected.size());
+    EXPECT_EQ("s1 to NULL", seen[expected.size()]);
+    seen.resize(expected.size());
+    EXPECT_EQ(expected, seen);
+}
+
+TEST_F(Graph, ARefusingPluginFailsTheChangeWithoutRollback)
+{
+    script("u").setstate_result = -1;
+    take_log();
+    EXPECT_EQ(-1, nox_pipe_set_state(pipe, NOX_STATE_PAUSE));
+    EXPECT_EQ(NOX_STATE_PAUSE, nox_pipe_get_state(pipe));
+    EXPECT_EQ(NOX_STATE_PAUSE, nox_plugin_get_state(k4)) << "the walk goes on";
+    EXPECT_EQ(NOX_STATE_NULL, nox_plugin_get_state(s1)) << "the sources were not reached";
+    EXPECT_EQ(1u, SIM_TraceCount("pipe_iterate_set_state failed (-1)\n", 1));
+    script("u").setstate_result = 0;
+    nox_plugin_setstate(s1, NOX_STATE_PAUSE);
+    nox_plugin_setstate(s2, NOX_STATE_PAUSE);
+
+    script("k5").event_result = -1;
+    EXPECT_EQ(-1, nox_pipe_reset(pipe));
+    EXPECT_EQ(1u, SIM_TraceCount("nox_pipe_set_event fail.\n", 1));
+}
+
+TEST_F(Graph, WithoutMemoryForTheBranchStackTheBranchesFailAndTheWalkGoesOn)
+{
+    take_log();
+    SIM_FailFrom(SIM_FallibleCount() + 1);
+    EXPECT_NE(0, pipe_iterate_set_state(pipe, NOX_STATE_READY));
+    SIM_FailNone();
+    EXPECT_EQ((Lines{"a to READY", "t to READY", "u to READY", "k1 to READY", "k5 to READY"}),
+              take_log());
+    EXPECT_EQ(1u, SIM_TraceCount("no memory for the branches of (t)\n", 1));
+    changes_to(NOX_STATE_READY);
+}
+
+TEST_F(Graph, AChainChangesAloneFromItsSourceDown)
+{
+    EXPECT_EQ(0, nox_pipe_linked_plugins_set_state(pipe, k2, NOX_STATE_READY));
+    Lines expected;
+    for (const char *name : {"s1", "a", "t", "k3", "k4", "u", "k2", "k1"})
+        expected.push_back(std::string(name) + " to READY");
+    EXPECT_EQ(expected, take_log());
+    EXPECT_EQ(NOX_STATE_NULL, nox_pipe_get_state(pipe));
+    EXPECT_EQ(0, nox_pipe_linked_plugins_set_state(pipe, k2, NOX_STATE_NULL));
+    EXPECT_EQ(1u, SIM_TraceCount("warning state is same as current.state(0)\n", 1));
+}
+
+TEST_F(Graph, StartAndStopLeaveTheStatesAlone)
+{
+    script("s2").start_result = -1;
+    EXPECT_EQ(-1, nox_pipe_start(pipe));
+    EXPECT_EQ(0u, script("k5").started) << "after the one that failed";
+    EXPECT_EQ(0, pipe->plugin.started);
+    script("s2").start_result = 0;
+    nox_pipe_stop(pipe);
+    EXPECT_EQ(0, nox_pipe_start(pipe));
+    EXPECT_EQ(1, pipe->plugin.started);
+    EXPECT_EQ(NOX_STATE_NULL, nox_plugin_get_state(k5));
+    EXPECT_EQ(0, nox_pipe_stop(pipe));
+    EXPECT_EQ(nullptr, reinterpret_cast<NOXBaseSrc *>(s1)->thread);
+}
+
+TEST_F(Graph, TheClockFollowsTheStateAndTheBaseTimeIsTakenAtPlay)
+{
+    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
+    EXPECT_EQ(nox_timer_gettime(pipe->clock), pipe->basereftime);
+    OSA_ThreadSleep(1000);
+    const uint64_t frozen = nox_timer_gettime(pipe->clock);
+    EXPECT_EQ(1000u, frozen);
+    nox_pipe_set_state(pipe, NOX_STATE_PAUSE);
+    OSA_ThreadSleep(1000);
+    EXPECT_EQ(frozen, nox_timer_gettime(pipe->clock));
+    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
+    OSA_ThreadSleep(10);
+    EXPECT_EQ(frozen + 10, nox_timer_gettime(pipe->clock));
+}
+
+TEST_F(Graph, EndOfStreamIsPostedWhenTheLastSinkHasIt)
+{
+    NOXEvent eos{nullptr, NOX_EVENT_EOS};
+    for (NOXPlugin *sink : {k1, k2, k3, k4})
+        nox_plugin_setevent(sink, &eos);
+    OSA_ThreadSleep(10);
+    EXPECT_EQ(0u, inbox.count(NOX_MSG_EOS));
+    EXPECT_EQ(0, nox_plugin_setevent(k5, &eos));
+    OSA_ThreadSleep(10);
+    EXPECT_EQ((std::vector<Posted>{{"k5", NOX_MSG_EOS, "EOS.\n"}}), inbox.messages());
+    EXPECT_EQ(0, nox_pipe_get_allsink_start(pipe));
+}
+
+TEST(PipeState, WithoutASourceEveryChangeFails)
+{
+    Stage stage;
+    NOXPipe *pipe = nox_pipe_new("player");
+    EXPECT_EQ(1, nox_pipe_get_allsink_start(pipe));
+    EXPECT_EQ(1, nox_pipe_get_allsrc_started(pipe));
+    EXPECT_EQ(0, nox_pipe_reset(pipe));
+    nox_pipe_add_plugin(pipe, new_sink("k"));
+    EXPECT_EQ(-1, nox_pipe_set_state(pipe, NOX_STATE_READY));
+    EXPECT_EQ(NOX_STATE_READY, nox_pipe_get_state(pipe));
+    EXPECT_EQ(1u, SIM_TraceCount("pipe_src_set_state failed (-1)\n", 1));
+    EXPECT_EQ(0, nox_pipe_get_state(nullptr));
+    nox_object_delete(pipe);
+    EXPECT_EQ("", stage.end());
+}
