@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <cstring>
+
 #include "osa/common/elf_check.h"
 #include "osa/sim/world.h"
 
@@ -25,7 +27,7 @@ bool is_added(const char *path)
 void *refuse(const char *path, const char *reason)
 {
     OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, "OSA_LibraryLoad",
-              "can not load \"%s\": %s\n", path, reason);
+              "library %s not loaded: %s\n", path, reason);
     return nullptr;
 }
 
@@ -34,7 +36,10 @@ void *load_from_disk(const char *path)
     char reason[256];
     if (!osa::elf_check(path, reason, sizeof reason))
         return refuse(path, reason);
-    void *loaded = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    // A name without a slash would be searched for in the system's folders.
+    const bool is_bare = std::strchr(path, '/') == nullptr;
+    void *loaded =
+        dlopen(is_bare ? ("./" + std::string(path)).c_str() : path, RTLD_NOW | RTLD_LOCAL);
     return loaded != nullptr ? loaded : refuse(path, dlerror());
 }
 

@@ -19,13 +19,13 @@ constexpr uint64_t next_warning_ms = 10'000;
 void trace_refused(const OSA_Thread &thread)
 {
     OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, "OSA_ThreadDelete",
-              "thread \"%s\" can not wait for itself\n", thread.name.c_str());
+              "thread \"%s\" cannot delete itself\n", thread.name.c_str());
 }
 
 void trace_slow_end(const OSA_Thread &thread, uint64_t waited_ms)
 {
     OSA_Trace("osa", OSA_TRACE_ERROR, "osa", __LINE__, "OSA_ThreadDelete",
-              "thread \"%s\" has not ended after %u s, still waiting\n", thread.name.c_str(),
+              "thread \"%s\" does not end: waited %u s, waiting on\n", thread.name.c_str(),
               static_cast<uint32_t>(waited_ms / 1000));
 }
 

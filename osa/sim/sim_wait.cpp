@@ -184,6 +184,10 @@ int32_t OSA_QueuePush(OSA_Queue *queue, void *item, uint32_t size)
     if (layer.must_fail("OSA_QueuePush", SIM_CALLER) ||
         !layer.check(queue, Kind::queue, "OSA_QueuePush"))
         return -1;
+    if (item == nullptr) {
+        layer.misuse("OSA_QueuePush", "null, which means that nothing came, to " + queue->text());
+        return -1;
+    }
     sim::order_release(queue);
     queue->items.push_back({item, size});
     return 0;

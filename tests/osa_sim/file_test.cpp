@@ -48,7 +48,7 @@ TEST(SimulatedLibrary, FindsSymbolsOfTheTestProgramAndOfRealLibraries)
 
     EXPECT_EQ(nullptr, OSA_LibraryLoad("/virtual/missing.so"));
     EXPECT_EQ(nullptr, OSA_LibraryLoad(__FILE__));
-    EXPECT_EQ(1u, SIM_TraceCount("/virtual/missing.so\": No such file", OSA_TRACE_ERROR));
+    EXPECT_EQ(1u, SIM_TraceCount("/virtual/missing.so not loaded: No such file", OSA_TRACE_ERROR));
     EXPECT_EQ(1u, SIM_TraceCount("not an ELF file", OSA_TRACE_ERROR));
     EXPECT_EQ("", SIM_End());
 }
