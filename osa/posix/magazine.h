@@ -15,6 +15,7 @@ struct Magazine {
     std::atomic<uint32_t> below{0}; // number of the magazine under it in a depot
     uint32_t number = 0;            // from 1; its name in the depots
     uint32_t count = 0;             // valid while no thread has it loaded
+    uint32_t usable = 0;            // bytes of each block; valid while loaded
     void *blocks[kMagazineCapacity] = {};
 };
 

@@ -24,6 +24,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "osa/posix/poison.h"
 #include "osa/posix/report.h"
@@ -35,62 +36,83 @@ namespace osa
 namespace
 {
 
-constexpr uint32_t kSmallest = 16;       // bytes; the step of block sizes inside
-constexpr uint32_t kDirectLimit = 1024;  // sizes up to here are found by one look
-constexpr size_t kChunkBytes = 64 << 10; // large blocks come in smaller magazines
+constexpr uint32_t kStep = 16;             // bytes; the step of block sizes inside
+constexpr uint32_t kDirectLimit = 1024;    // sizes up to here are found by one look
+constexpr uint32_t kChunkBytes = 64 << 10; // large blocks come in smaller magazines
+constexpr uint32_t kLargestBlock = UINT32_MAX - kStep;
 constexpr size_t kNameSize = 48;
 
 struct Chunk {
     Chunk *next;
-    alignas(kSmallest) unsigned char blocks[kSmallest]; // and on, one block after another
+    alignas(kStep) unsigned char blocks[kStep]; // and on, one block after another
 };
+
+// What every block's way reads of its size, found by an index: the size itself
+// when it is small, else a place behind those. 0 for a size without a pool.
+constexpr size_t kIndexLimit = kDirectLimit + 1 + kPoolLimit;
+constinit std::atomic<const char *> g_names[kIndexLimit] = {};  // null unless registered
+constinit std::atomic<uint32_t> g_taken_from[kIndexLimit] = {}; // the pool; 0 unless registered
+constinit std::atomic<uint32_t> g_given_to[kIndexLimit] = {};   // kept after unregistering
 
 struct Pool {
-    std::atomic<bool> registered{false};
-    uint32_t block_size = 0;
-    uint32_t capacity = 0; // blocks in a magazine and in a chunk
-    size_t usable = 0;     // bytes of a block, rounded up; zeroed when handed out
-    char name[kNameSize] = {};
-    alignas(64) MagazineStack depot; // on its own cache line: threads meet here
-    std::atomic<Chunk *> chunks{nullptr};
+    size_t index = 0;
+    uint32_t block_size = 0; // bytes
+    uint32_t usable = 0;     // the same rounded up; zeroed when handed out
+    uint32_t capacity = 0;   // blocks in a magazine and in a chunk
 };
 
-constinit Pool g_pools[kPoolLimit]; // number 0 is never registered
+// What whole magazines meet; on cache lines of its own.
+struct alignas(64) Store {
+    MagazineStack depot;
+    std::atomic<Chunk *> chunks{nullptr};
+    char name[kNameSize] = {};
+};
+
+constinit Pool g_pools[kPoolLimit]; // by number; that of 0 has no blocks
+constinit Store g_stores[kPoolLimit];
 constinit std::atomic<uint32_t> g_pool_count{1};
-constinit std::atomic<uint8_t> g_direct[kDirectLimit + 1] = {}; // size -> number
 
 // Serialises starting, stopping and registering.
 constinit std::mutex g_mutex;
 constinit bool g_started = false;
 
-uint32_t search_number(uint32_t block_size)
+// Sizes past the direct ones are few, and their blocks too large to be quick.
+[[gnu::noinline]] size_t search_index(uint32_t block_size)
 {
     const uint32_t count = g_pool_count.load(std::memory_order_acquire);
     for (uint32_t number = 1; number < count; ++number)
         if (g_pools[number].block_size == block_size)
-            return number;
+            return g_pools[number].index;
     return 0;
 }
 
-// The number of the pool of that size, registered or once registered, or 0.
-inline uint32_t pool_number(uint32_t block_size)
+// Applies `operation` to the index of that size. Two calls, so that the compiler
+// folds the direct look into the operation.
+template <typename Operation>
+inline auto with_index(uint32_t block_size, Operation operation)
 {
     if (block_size <= kDirectLimit) [[likely]]
-        return g_direct[block_size].load(std::memory_order_relaxed);
-    return search_number(block_size);
+        return operation(size_t{block_size});
+    return operation(search_index(block_size));
 }
 
-inline bool is_registered(const Pool &pool)
+inline const char *name_at(size_t index)
 {
-    return pool.registered.load(std::memory_order_acquire);
+    return g_names[index].load(std::memory_order_acquire);
+}
+
+inline uint32_t given_to_at(size_t index)
+{
+    return g_given_to[index].load(std::memory_order_acquire);
 }
 
 // ---- chunks and magazines -------------------------------------------------------
 
 // Fills an empty magazine with the blocks of a new chunk.
-bool fill_from_new_chunk(Pool &pool, Magazine &magazine)
+bool fill_from_new_chunk(uint32_t number, Magazine &magazine)
 {
-    const size_t stride = pool.usable + kRedZone;
+    const Pool &pool = g_pools[number];
+    const size_t stride = size_t{pool.usable} + kRedZone;
     const size_t size = offsetof(Chunk, blocks) + pool.capacity * stride;
     Chunk *chunk = static_cast<Chunk *>(std::calloc(1, size));
     if (chunk == nullptr)
@@ -100,119 +122,247 @@ bool fill_from_new_chunk(Pool &pool, Magazine &magazine)
         magazine.blocks[index] = block;
     magazine.count = pool.capacity;
     poison(chunk->blocks, pool.capacity * stride);
-    chunk->next = pool.chunks.load(std::memory_order_relaxed);
-    while (!pool.chunks.compare_exchange_weak(chunk->next, chunk, std::memory_order_release,
-                                              std::memory_order_relaxed)) {
+    std::atomic<Chunk *> &chunks = g_stores[number].chunks;
+    chunk->next = chunks.load(std::memory_order_relaxed);
+    while (!chunks.compare_exchange_weak(chunk->next, chunk, std::memory_order_release,
+                                         std::memory_order_relaxed)) {
     }
     return true;
 }
 
-Magazine *make_stocked(Pool &pool)
+Magazine *make_stocked(uint32_t number)
 {
     Magazine *magazine = magazine_take_empty();
     if (magazine == nullptr)
         return nullptr;
-    if (fill_from_new_chunk(pool, *magazine))
+    if (fill_from_new_chunk(number, *magazine))
         return magazine;
     magazine_keep_empty(magazine);
     return nullptr;
 }
 
-void put_away(Pool &pool, Magazine *magazine)
+void put_away(uint32_t number, Magazine *magazine)
 {
     if (magazine->count > 0)
-        pool.depot.push(magazine);
+        g_stores[number].depot.push(magazine);
     else
         magazine_keep_empty(magazine);
 }
 
 // After the pools stopped the pointers of the slot lead nowhere.
-void open_slot(const Pool &pool, PoolSlot &slot)
+void open_slot(uint32_t number, PoolSlot &slot)
 {
     if (slot.capacity.get() != 0)
         return;
     slot.loaded = nullptr;
     slot.spare = nullptr;
-    slot.capacity.set(pool.capacity);
+    slot.capacity.set(g_pools[number].capacity);
+}
+
+void unload_count(PoolSlot &slot)
+{
+    slot.loaded->count = slot.count.get();
+    slot.balance.set(slot.out());
+    slot.count.set(0);
 }
 
 // Puts the loaded magazine in the spare's place, and the spare away if need be.
-void load(Pool &pool, PoolSlot &slot, Magazine *magazine)
+void load(uint32_t number, PoolSlot &slot, Magazine *magazine)
 {
     if (slot.loaded != nullptr) {
-        slot.loaded->count = slot.count.get();
+        unload_count(slot);
         if (slot.spare != nullptr && slot.spare != magazine)
-            put_away(pool, slot.spare);
+            put_away(number, slot.spare);
         slot.spare = slot.loaded;
     }
+    magazine->usable = g_pools[number].usable;
     slot.loaded = magazine;
+    slot.balance.add(magazine->count);
     slot.count.set(magazine->count);
 }
 
 // Loads a magazine with blocks in place of an empty one or none.
-bool restock(Pool &pool, PoolSlot &slot)
+bool restock(uint32_t number, PoolSlot &slot)
 {
-    open_slot(pool, slot);
+    open_slot(number, slot);
     Magazine *stocked = slot.spare;
     if (stocked == nullptr || stocked->count == 0)
-        stocked = pool.depot.pop();
+        stocked = g_stores[number].depot.pop();
     if (stocked == nullptr)
-        stocked = make_stocked(pool);
+        stocked = make_stocked(number);
     if (stocked == nullptr)
         return false;
-    load(pool, slot, stocked);
+    load(number, slot, stocked);
     return true;
 }
 
 // Loads an empty magazine in place of a full one or none.
-bool make_room(Pool &pool, PoolSlot &slot)
+bool make_room(uint32_t number, PoolSlot &slot)
 {
-    open_slot(pool, slot);
+    open_slot(number, slot);
     Magazine *empty = slot.spare;
     if (empty == nullptr || empty->count > 0)
         empty = magazine_take_empty();
     if (empty == nullptr)
         return false;
-    load(pool, slot, empty);
+    load(number, slot, empty);
     return true;
 }
 
-// ---- registering ----------------------------------------------------------------
+// ---- the way of a block ---------------------------------------------------------
 
-void set_up(Pool &pool, uint32_t block_size)
+template <size_t... offsets>
+inline void zero_pieces(unsigned char *memory, std::index_sequence<offsets...>)
 {
-    const size_t step = kSmallest;
-    pool.block_size = block_size;
-    pool.usable = std::max(step, (block_size + step - 1) / step * step);
-    const size_t fitting = kChunkBytes / pool.usable;
-    pool.capacity = static_cast<uint32_t>(std::clamp<size_t>(fitting, 1, kMagazineCapacity));
+    (std::memset(memory + offsets * kStep, 0, kStep), ...);
 }
 
-// Under the mutex: a number for a size that has none, or 0 when all are in use.
+// Zeroes the first and the last `half` bytes, which cover the block.
+template <size_t half>
+inline void *zero_ends(void *block, size_t size)
+{
+    unsigned char *first = static_cast<unsigned char *>(block);
+    zero_pieces(first, std::make_index_sequence<half / kStep>());
+    zero_pieces(first + size - half, std::make_index_sequence<half / kStep>());
+    return block;
+}
+
+// Records are small: a few plain stores beat the call of a general memset.
+inline void *zero(void *block, size_t size)
+{
+    if (size > 256)
+        return std::memset(block, 0, size);
+    if (size > 128)
+        return zero_ends<128>(block, size);
+    if (size > 64)
+        return zero_ends<64>(block, size);
+    return size > 32 ? zero_ends<32>(block, size) : zero_ends<kStep>(block, size);
+}
+
+inline void *take_from(PoolSlot &slot, uint32_t count)
+{
+    const Magazine &magazine = *slot.loaded;
+    slot.count.set(count - 1);
+    void *block = magazine.blocks[count - 1];
+    unpoison(block, magazine.usable);
+    return zero(block, magazine.usable);
+}
+
+inline void give_to(PoolSlot &slot, uint32_t count, void *block)
+{
+    slot.loaded->blocks[count] = block;
+    slot.count.set(count + 1);
+}
+
+// The slow halves stay out of line, so that the quick ones need no stack.
+
+[[gnu::noinline, gnu::cold]] void *take_slowly(uint32_t number)
+{
+    ThreadState *state = number != 0 ? thread_state() : nullptr;
+    if (state == nullptr || !restock(number, state->slots[number]))
+        return nullptr;
+    PoolSlot &slot = state->slots[number];
+    return take_from(slot, slot.count.get());
+}
+
+[[gnu::noinline, gnu::cold]] void give_slowly(uint32_t number, uint32_t block_size, void *block)
+{
+    if (number == 0) {
+        OSA_REPORT(OSA_TRACE_ERROR, "there is no pool of %u-byte blocks to give %p to\n",
+                   block_size, block);
+        return;
+    }
+    // Without memory for a magazine the block lies idle until the pools stop.
+    ThreadState *state = thread_state();
+    if (state == nullptr) {
+        count_given_without_state(number);
+        return;
+    }
+    PoolSlot &slot = state->slots[number];
+    if (make_room(number, slot))
+        give_to(slot, slot.count.get(), block);
+    else
+        slot.balance.add(-1);
+}
+
+inline void *take(size_t index)
+{
+    const uint32_t number = g_taken_from[index].load(std::memory_order_acquire);
+    PoolSlot &slot = t_state->slots[number];
+    const uint32_t count = slot.count.get();
+    if (count > 0) [[likely]]
+        return take_from(slot, count);
+    return take_slowly(number);
+}
+
+inline void give(size_t index, uint32_t block_size, void *block)
+{
+    const uint32_t number = given_to_at(index);
+    touch(block);
+    poison(block, g_pools[number].usable);
+    PoolSlot &slot = t_state->slots[number];
+    const uint32_t count = slot.count.get();
+    if (count != slot.capacity.get()) [[likely]]
+        return give_to(slot, count, block);
+    give_slowly(number, block_size, block);
+}
+
+// ---- registering, under the mutex
+// ----------------------------------------------------------------
+
+// A number for a size that has none, while there are numbers.
 uint32_t add_pool(uint32_t block_size)
 {
     const uint32_t number = g_pool_count.load(std::memory_order_relaxed);
-    if (number == kPoolLimit)
-        return 0;
-    set_up(g_pools[number], block_size);
+    Pool &pool = g_pools[number];
+    pool.index = block_size <= kDirectLimit ? block_size : kDirectLimit + 1 + number;
+    pool.block_size = block_size;
+    pool.usable = (block_size + kStep - 1) / kStep * kStep;
+    pool.capacity = std::clamp(kChunkBytes / pool.usable, 1u, kMagazineCapacity);
+    g_given_to[pool.index].store(number, std::memory_order_release);
     g_pool_count.store(number + 1, std::memory_order_release);
-    if (block_size <= kDirectLimit)
-        g_direct[block_size].store(static_cast<uint8_t>(number), std::memory_order_release);
     return number;
 }
 
-void release_pool(Pool &pool)
+void open_pool(uint32_t number, const char *name)
 {
-    if (pool.block_size <= kDirectLimit)
-        g_direct[pool.block_size].store(0, std::memory_order_relaxed);
-    Chunk *chunk = pool.chunks.exchange(nullptr, std::memory_order_acquire);
+    const size_t index = g_pools[number].index;
+    char *own_name = g_stores[number].name;
+    std::snprintf(own_name, kNameSize, "%s", name);
+    g_taken_from[index].store(number, std::memory_order_release);
+    g_names[index].store(own_name, std::memory_order_release);
+}
+
+// False when nothing was open there.
+bool close_index(size_t index)
+{
+    g_taken_from[index].store(0, std::memory_order_release);
+    return g_names[index].exchange(nullptr, std::memory_order_acq_rel) != nullptr;
+}
+
+void release_pool(uint32_t number)
+{
+    g_given_to[g_pools[number].index].store(0, std::memory_order_release);
+    Chunk *chunk = g_stores[number].chunks.exchange(nullptr, std::memory_order_acquire);
     while (chunk != nullptr) {
         Chunk *next = chunk->next;
         std::free(chunk);
         chunk = next;
     }
-    pool.depot.forget();
-    pool.block_size = 0;
+    g_stores[number].depot.forget();
+}
+
+// What stands against registering, or null.
+const char *fault_in_pool(uint32_t block_size, const char *name)
+{
+    if (!g_started)
+        return "the pools are not started";
+    if (block_size == 0 || block_size > kLargestBlock || name == nullptr)
+        return "it needs a size and a name";
+    const bool is_new = with_index(block_size, given_to_at) == 0;
+    if (is_new && g_pool_count.load(std::memory_order_relaxed) == kPoolLimit)
+        return "there are too many pools";
+    return nullptr;
 }
 
 bool any_out(const AllThreads &threads)
@@ -228,49 +378,12 @@ bool any_out(const AllThreads &threads)
 
 void *pool_take(uint32_t block_size)
 {
-    const uint32_t number = pool_number(block_size);
-    Pool &pool = g_pools[number];
-    if (!is_registered(pool)) [[unlikely]]
-        return nullptr;
-    ThreadState *state = thread_state();
-    if (state == nullptr) [[unlikely]]
-        return nullptr;
-    PoolSlot &slot = state->slots[number];
-    if (slot.count.get() == 0 && !restock(pool, slot)) [[unlikely]]
-        return nullptr;
-    const uint32_t left = slot.count.get() - 1;
-    slot.count.set(left);
-    slot.out.add(1);
-    void *block = slot.loaded->blocks[left];
-    unpoison(block, pool.usable);
-    return std::memset(block, 0, pool.usable);
+    return with_index(block_size, take);
 }
 
 void pool_give(void *block, uint32_t block_size)
 {
-    const uint32_t number = pool_number(block_size);
-    if (number == 0) [[unlikely]] {
-        OSA_REPORT(OSA_TRACE_ERROR,
-                   "block %p given to a pool of %u-byte blocks, which is not there\n", block,
-                   block_size);
-        return;
-    }
-    touch(block);
-    Pool &pool = g_pools[number];
-    poison(block, pool.usable);
-    ThreadState *state = thread_state();
-    if (state == nullptr) [[unlikely]] {
-        count_given_without_state(number);
-        return;
-    }
-    PoolSlot &slot = state->slots[number];
-    slot.out.add(-1);
-    // Without memory for a magazine the block lies idle until the pools stop.
-    if (slot.count.get() == slot.capacity.get() && !make_room(pool, slot)) [[unlikely]]
-        return;
-    const uint32_t count = slot.count.get();
-    slot.loaded->blocks[count] = block;
-    slot.count.set(count + 1);
+    with_index(block_size, [=](size_t index) { give(index, block_size, block); });
 }
 
 void pools_hand_back(ThreadState &state)
@@ -281,11 +394,11 @@ void pools_hand_back(ThreadState &state)
         if (slot.capacity.get() == 0)
             continue;
         if (slot.loaded != nullptr) {
-            slot.loaded->count = slot.count.get();
-            put_away(g_pools[number], slot.loaded);
+            unload_count(slot);
+            put_away(number, slot.loaded);
         }
         if (slot.spare != nullptr)
-            put_away(g_pools[number], slot.spare);
+            put_away(number, slot.spare);
     }
 }
 
@@ -293,28 +406,28 @@ void pools_stop()
 {
     const std::lock_guard lock(g_mutex);
     g_started = false;
-    for (Pool &pool : g_pools)
-        pool.registered.store(false, std::memory_order_release);
+    const uint32_t count = g_pool_count.load(std::memory_order_relaxed);
+    for (uint32_t number = 1; number < count; ++number)
+        close_index(g_pools[number].index);
     const AllThreads threads;
     if (any_out(threads))
         return;
     threads.forget_magazines();
-    const uint32_t count = g_pool_count.exchange(1, std::memory_order_relaxed);
     for (uint32_t number = 1; number < count; ++number)
-        release_pool(g_pools[number]);
+        release_pool(number);
+    g_pool_count.store(1, std::memory_order_relaxed);
     magazines_release();
 }
 
 void pools_report_alive()
 {
-    const std::lock_guard lock(g_mutex);
-    const uint32_t count = g_pool_count.load(std::memory_order_relaxed);
+    const uint32_t count = g_pool_count.load(std::memory_order_acquire);
     for (uint32_t number = 1; number < count; ++number) {
         const int64_t out = AllThreads().out(number);
         if (out > 0)
             OSA_REPORT(OSA_TRACE_ERROR, "still alive: %lld blocks of %u bytes of the pool \"%s\"\n",
                        static_cast<long long>(out), g_pools[number].block_size,
-                       g_pools[number].name);
+                       g_stores[number].name);
     }
 }
 
@@ -328,8 +441,6 @@ uint32_t pools_count_out()
 }
 
 } // namespace osa
-
-using osa::g_pools;
 
 extern "C" {
 
@@ -349,54 +460,45 @@ int32_t OSA_SMalloc_Deinit(void)
 int32_t OSA_SMalloc_Register(uint32_t block_size, const char *name)
 {
     const std::lock_guard lock(osa::g_mutex);
-    if (block_size == 0 || name == nullptr || !osa::g_started) {
+    const char *fault = osa::fault_in_pool(block_size, name);
+    if (fault != nullptr) {
         OSA_REPORT(OSA_TRACE_ERROR, "pool \"%s\" of %u-byte blocks refused: %s\n",
-                   name != nullptr ? name : "null", block_size,
-                   osa::g_started ? "it needs a size and a name" : "the pools are not started");
+                   name != nullptr ? name : "null", block_size, fault);
         return -1;
     }
-    uint32_t number = osa::pool_number(block_size);
-    if (is_registered(g_pools[number]))
+    if (OSA_SMemIsReg(block_size))
         return 0;
-    if (number == 0)
-        number = osa::add_pool(block_size);
-    if (number == 0) {
-        OSA_REPORT(OSA_TRACE_ERROR, "pool \"%s\" of %u-byte blocks refused: there are %u already\n",
-                   name, block_size, osa::kPoolLimit - 1);
-        return -1;
-    }
-    std::snprintf(g_pools[number].name, osa::kNameSize, "%s", name);
-    g_pools[number].registered.store(true, std::memory_order_release);
+    const uint32_t number = osa::with_index(block_size, osa::given_to_at);
+    osa::open_pool(number != 0 ? number : osa::add_pool(block_size), name);
     return 0;
 }
 
 int32_t OSA_SMalloc_UnRegister(uint32_t block_size)
 {
     const std::lock_guard lock(osa::g_mutex);
-    osa::Pool &pool = g_pools[osa::pool_number(block_size)];
-    return pool.registered.exchange(false, std::memory_order_acq_rel) ? 0 : -1;
+    return osa::with_index(block_size, osa::close_index) ? 0 : -1;
 }
 
 uint8_t OSA_SMemIsReg(uint32_t block_size)
 {
-    return is_registered(g_pools[osa::pool_number(block_size)]);
+    return osa::with_index(block_size, osa::name_at) != nullptr;
 }
 
 const char *OSA_SMemGetName(uint32_t block_size)
 {
-    const osa::Pool &pool = g_pools[osa::pool_number(block_size)];
-    return is_registered(pool) ? pool.name : nullptr;
+    return osa::with_index(block_size, osa::name_at);
 }
 
 void *OSA_SMalloc(uint32_t block_size)
 {
-    return osa::pool_take(block_size);
+    return osa::with_index(block_size, osa::take);
 }
 
 void OSA_SFree(void *block, uint32_t block_size)
 {
-    if (block != nullptr)
-        osa::pool_give(block, block_size);
+    if (block == nullptr) [[unlikely]]
+        return;
+    osa::with_index(block_size, [=](size_t index) { osa::give(index, block_size, block); });
 }
 
 } // extern "C"

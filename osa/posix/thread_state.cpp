@@ -12,10 +12,10 @@
 namespace osa
 {
 
-constinit thread_local ThreadState *t_state = nullptr;
-
 namespace
 {
+
+constinit ThreadState g_no_state;
 
 constinit std::mutex g_mutex;
 constinit ThreadState *g_states = nullptr;
@@ -44,7 +44,7 @@ void keep_counts(const ThreadState &state)
     for (uint32_t kind = 0; kind < kKindCount; ++kind)
         g_alive_of_others[kind].fetch_add(state.alive[kind].get(), std::memory_order_relaxed);
     for (uint32_t pool = 0; pool < kPoolLimit; ++pool)
-        g_out_of_others[pool].fetch_add(state.slots[pool].out.get(), std::memory_order_relaxed);
+        g_out_of_others[pool].fetch_add(state.slots[pool].out(), std::memory_order_relaxed);
 }
 
 void end_state(void *argument)
@@ -56,7 +56,7 @@ void end_state(void *argument)
         keep_counts(*state);
         unlink_state(*state);
     }
-    t_state = nullptr;
+    t_state = &g_no_state;
     delete state;
 }
 
@@ -71,9 +71,7 @@ pthread_key_t end_of_thread()
     return key;
 }
 
-} // namespace
-
-ThreadState *thread_state_make()
+ThreadState *make_state()
 {
     ThreadState *state = new (std::nothrow) ThreadState;
     if (state == nullptr)
@@ -86,6 +84,16 @@ ThreadState *thread_state_make()
     link_state(*state);
     t_state = state;
     return state;
+}
+
+} // namespace
+
+constinit thread_local ThreadState *t_state = &g_no_state;
+
+ThreadState *thread_state()
+{
+    ThreadState *state = t_state;
+    return state != &g_no_state ? state : make_state();
 }
 
 void count_alive(Kind kind, int64_t difference)
@@ -118,7 +126,7 @@ int64_t AllThreads::out(uint32_t pool) const
 {
     int64_t sum = g_out_of_others[pool].load(std::memory_order_relaxed);
     for (const ThreadState *state = g_states; state != nullptr; state = state->next)
-        sum += state->slots[pool].out.get();
+        sum += state->slots[pool].out();
     return sum;
 }
 
@@ -126,6 +134,7 @@ void AllThreads::forget_magazines() const
 {
     for (ThreadState *state = g_states; state != nullptr; state = state->next) {
         for (PoolSlot &slot : state->slots) {
+            slot.balance.set(slot.out());
             slot.count.set(0);
             slot.capacity.set(0);
         }

@@ -62,7 +62,14 @@ struct PoolSlot {
     OwnedNumber<uint32_t> capacity; // 0: no magazine; what the pointers say is void
     Magazine *loaded = nullptr;
     Magazine *spare = nullptr;
-    OwnedNumber<int64_t> out; // blocks taken less blocks given back, by this thread
+    OwnedNumber<int64_t> balance; // blocks that came with magazines loaded less those that left
+
+    // Blocks that this thread took less those it gave back: what came with its
+    // magazines and is not in them, so that no block has to be counted.
+    int64_t out() const
+    {
+        return balance.get() - count.get();
+    }
 };
 
 struct ThreadState {
@@ -72,16 +79,12 @@ struct ThreadState {
     PoolSlot slots[kPoolLimit];
 };
 
+// The calling thread's state; before it has one, the state of no thread, in which
+// every slot is without a magazine and nothing is ever written.
 extern constinit thread_local ThreadState *t_state __attribute__((tls_model("initial-exec")));
 
-// Makes the calling thread's state, null without memory.
-ThreadState *thread_state_make();
-
-inline ThreadState *thread_state()
-{
-    ThreadState *state = t_state;
-    return state != nullptr ? state : thread_state_make();
-}
+// The calling thread's state, made if need be; null without memory.
+ThreadState *thread_state();
 
 void count_alive(Kind kind, int64_t difference);
 
