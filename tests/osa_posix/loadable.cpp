@@ -1,0 +1,6 @@
+// A library to load.
+
+extern "C" __attribute__((visibility("default"))) int answer()
+{
+    return 42;
+}
