@@ -181,7 +181,7 @@ int32_t levelsink_stop(NOXBaseSink *sink)
     state.channels.reset();
     return printed ? 0
                    : report(sink, PLUGIN_MSG_WRITE, "cannot print the levels: %s",
-                            std::strerror(errno));
+                            strerrordesc_np(errno));
 }
 
 int32_t levelsink_init(NOXPlugin *plugin)

@@ -30,7 +30,8 @@ int16_t amplified(int16_t sample, float gain)
 {
     constexpr float kLowest = std::numeric_limits<int16_t>::min();
     constexpr float kHighest = std::numeric_limits<int16_t>::max();
-    return static_cast<int16_t>(std::lrint(std::clamp(sample * gain, kLowest, kHighest)));
+    return static_cast<int16_t>(
+        std::lrint(std::clamp(static_cast<float>(sample) * gain, kLowest, kHighest)));
 }
 
 int32_t volume_setformat(NOXBaseFilter *filter, NOXStructure *format)

@@ -68,12 +68,12 @@ int32_t empty_file(NOXBaseSink *sink, int descriptor)
 {
     struct stat status;
     if (fstat(descriptor, &status) != 0)
-        return report_write_error(sink, std::strerror(errno));
+        return report_write_error(sink, strerrordesc_np(errno));
     if (!S_ISREG(status.st_mode))
         return 0;
     if (flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
         return report_write_error(sink, "it is being read or written");
-    return ftruncate(descriptor, 0) == 0 ? 0 : report_write_error(sink, std::strerror(errno));
+    return ftruncate(descriptor, 0) == 0 ? 0 : report_write_error(sink, strerrordesc_np(errno));
 }
 
 int32_t open_file(NOXBaseSink *sink)
@@ -86,7 +86,7 @@ int32_t open_file(NOXBaseSink *sink)
     Descriptor descriptor(
         open(state.location.get(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666));
     if (descriptor.get() < 0)
-        return report_write_error(sink, std::strerror(errno));
+        return report_write_error(sink, strerrordesc_np(errno));
     if (empty_file(sink, descriptor.get()) != 0)
         return -1;
 

@@ -101,7 +101,7 @@ int32_t open_recording(void *plugin, const char *location, Recording &recording)
     const int descriptor = recording.descriptor.get();
     if (descriptor < 0)
         return report(plugin, PLUGIN_MSG_READ, "cannot open %s: %s", location,
-                      std::strerror(errno));
+                      strerrordesc_np(errno));
     if (!is_regular_file(descriptor))
         return report(plugin, PLUGIN_MSG_READ, "cannot read %s: not a regular file", location);
     if (!lock_for_reading(descriptor))

@@ -1,6 +1,7 @@
 // nox-scan: what it finds, what it leaves out and why, and how it writes.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "process.h"
 
@@ -31,6 +32,7 @@ TEST(NoxScan, WhatIsLeftOutIsNamedWithTheReason)
     write_file(folder / "first.so", plugin);
     write_file(folder / "second.so.1", plugin);
     write_file(folder / "text.so", "no library at all\n");
+    ASSERT_EQ(mkfifo((folder / "pipe.so").c_str(), 0600), 0);
     write_file(folder / "notes.txt", "not looked at\n");
     write_file(folder / (std::string(120, 'p') + ".so"), plugin);
 
@@ -45,9 +47,10 @@ TEST(NoxScan, WhatIsLeftOutIsNamedWithTheReason)
         {"at_sign.so", "an \"@\""},
         {"second.so.1", "taken by " + (folder / "first.so")},
         {"ppp.so", "more than 127 characters"},
-        {"foreign.so", ""},
-        {"cut.so", ""},
-        {"text.so", ""},
+        {"foreign.so", "processor"},
+        {"cut.so", "truncated"},
+        {"text.so", "not loaded: not an ELF file"},
+        {"pipe.so", "no regular file"},
     };
     for (const auto &[library, reason] : reasons) {
         const size_t line = result.err.find(library + ": ");

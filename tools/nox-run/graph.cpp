@@ -174,6 +174,7 @@ void link_elements(const std::vector<GraphElement> &elements)
 void set_options(const std::vector<GraphElement> &elements)
 {
     std::vector<StructurePointer> formats;
+    formats.reserve(elements.size());
     for (const GraphElement &element : elements)
         formats.push_back(make_format(element));
     for (size_t index = 0; index < elements.size(); ++index) {

@@ -139,9 +139,7 @@ int run(const Settings &settings)
     return nothing_is_alive(console) || code != kDone ? code : kFailed;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int run_command_line(int argc, char **argv)
 {
     Settings settings;
     CLI::App app("Plays a graph of plugins to the end of its stream.", "nox-run");
@@ -162,8 +160,15 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kUsage;
     }
+    return run(settings);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
     try {
-        return run(settings);
+        return run_command_line(argc, argv);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "nox-run: %s\n", error.what());
         return kFailed;

@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 [[noreturn]] void fail(const std::string &path)
 {
-    throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+    throw std::runtime_error("cannot write " + path + ": " + strerrordesc_np(errno));
 }
 
 // A file that is removed again unless it was put in place.

@@ -79,6 +79,8 @@ private:
             return leave_out(path, "its path has more than 127 characters");
         if (has_control_character(path))
             return leave_out(path, "its path has a control character");
+        if (fs::exists(path) && !fs::is_regular_file(path))
+            return leave_out(path, "it is no regular file");
         const Probe probe = probe_library(path);
         if (!probe.reason.empty())
             return leave_out(path, probe.reason);
@@ -119,9 +121,7 @@ int scan(const std::vector<std::string> &folders, const std::string &cache)
     return std::fflush(stdout) == 0 ? kDone : kNotWritten;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int run_command_line(int argc, char **argv)
 {
     std::vector<std::string> folders;
     std::string cache;
@@ -144,9 +144,16 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kUsage;
     }
+    return scan(folders, cache);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
     std::signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is an error to report
     try {
-        return scan(folders, cache);
+        return run_command_line(argc, argv);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "nox-scan: %s\n", error.what());
         return kNotWritten;

@@ -58,6 +58,13 @@ Probe describe(OSA_Library *library)
     return {description.name, ""};
 }
 
+// The scan names the library itself.
+std::string without_path(const std::string &line, const std::string &path)
+{
+    const std::string beginning = "library " + path + " ";
+    return line.rfind(beginning, 0) == 0 ? line.substr(beginning.size()) : line;
+}
+
 Probe load(const std::string &path)
 {
     std::string line;
@@ -66,7 +73,7 @@ Probe load(const std::string &path)
     OSA_Library *library = OSA_LibraryLoad(path.c_str());
     OSA_TraceSetReceiver(nullptr, nullptr);
     if (library == nullptr)
-        return {"", line.empty() ? "it cannot be loaded" : line};
+        return {"", line.empty() ? "it cannot be loaded" : without_path(line, path)};
     return describe(library);
 }
 
@@ -127,7 +134,8 @@ int wait_for(pid_t child)
 std::string how_it_ended(int status)
 {
     if (WIFSIGNALED(status))
-        return std::string("it crashed while it was loaded (") + strsignal(WTERMSIG(status)) + ")";
+        return std::string("it crashed while it was loaded (") + sigdescr_np(WTERMSIG(status)) +
+               ")";
     return "it ended the process while it was loaded (exit code " +
            std::to_string(WEXITSTATUS(status)) + ")";
 }
@@ -147,14 +155,14 @@ Probe probe_library(const std::string &path)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
-        return {"", std::string("no pipe to a child process: ") + std::strerror(errno)};
+        return {"", std::string("no pipe to a child process: ") + strerrordesc_np(errno)};
     std::fflush(nullptr); // or the child would inherit what is buffered
     const pid_t child = fork();
     if (child < 0) {
         const int error = errno;
         close(ends[0]);
         close(ends[1]);
-        return {"", std::string("no child process: ") + std::strerror(error)};
+        return {"", std::string("no child process: ") + strerrordesc_np(error)};
     }
     if (child == 0)
         run_child(path, ends[1]);
