@@ -1,0 +1,59 @@
+// What the tests of single modules share: a stage that must end clean, a sweep
+// over faults, and exact trace lines.
+#ifndef TESTS_CORE_ON_STAGE_H
+#define TESTS_CORE_ON_STAGE_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tests/support/stage.h"
+
+using Log = std::vector<std::string>;
+
+// The body runs at tick 1000 of a fresh run, which must end with nothing alive.
+class OnStage : public testing::Test
+{
+protected:
+    explicit OnStage(bool initialise = true) : stage({}, initialise) {}
+    void TearDown() override
+    {
+        EXPECT_EQ("", stage.end());
+    }
+    Stage stage;
+};
+
+// Runs the scenario once for each fallible call it makes, that call failing, and
+// at last without a fault; each time in a run of its own that must end clean.
+template <typename Scenario>
+void sweep_faults(Scenario scenario, bool initialise = true)
+{
+    for (uint64_t n = 1, failed = 1; failed != 0; ++n) {
+        Stage stage({}, initialise);
+        const uint64_t fault = SIM_FallibleCount() + n;
+        SIM_FailNth(fault);
+        scenario();
+        failed = SIM_FailedCount();
+        EXPECT_EQ("", stage.end()) << SIM_FallibleText(fault);
+    }
+}
+
+// How often exactly this line was written; `text` goes without its line feed.
+inline uint32_t traced(const std::string &module, int32_t level, const std::string &text)
+{
+    const auto &lines = SIM_Traces();
+    return static_cast<uint32_t>(std::count_if(lines.begin(), lines.end(), [&](const auto &line) {
+        return line.module == module && line.level == level && line.text == text + "\n";
+    }));
+}
+
+inline OSA_Alive alive()
+{
+    OSA_Alive alive;
+    OSA_AliveGet(&alive);
+    return alive;
+}
+
+#endif
