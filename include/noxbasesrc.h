@@ -84,6 +84,7 @@ struct NOXBaseSrc {
     uint8_t privatets;                    /* live: create_func stamps its buffers itself */
     uint8_t threadended_;                 /* internal: the thread will acknowledge no more pauses */
     uint8_t parked_;                      /* internal: the thread waits for state_event */
+    uint8_t held_;                        /* internal: paused, and not let go since */
 };
 
 /* Initialises the plugin part, marks it a source, installs the base operations

@@ -65,7 +65,8 @@ NOX_API int32_t nox_bus_set_parent(NOXBus *bus, void *parent);
 NOX_API void *nox_bus_get_parent(NOXBus *bus);
 
 /* Sets the handler and its argument, always seen as a pair; null for none.
- * Messages taken off the queue before are not replayed. Any thread, any time; 0. */
+ * Messages taken off the queue before are not replayed. The old handler may still
+ * be running, once, with its old data when this returns. Any thread, any time; 0. */
 NOX_API int32_t nox_bus_set_handler(NOXBus *bus, NoxBusHandler handler, void *handler_data);
 
 /* Posts a message; `name` and `text` are copied and may be null. Never waits

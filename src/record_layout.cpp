@@ -69,6 +69,7 @@ NOX_FIELD(NOXBuffer, syncfunc, 192);
 NOX_SIZE(NOXBuffer, 200);
 
 NOX_FIELD(NOXBufferRequest, count, 0);
+NOX_FIELD(NOXBufferRequest, reserved, 4);
 NOX_FIELD(NOXBufferRequest, sizes, 8);
 NOX_SIZE(NOXBufferRequest, 20);
 NOX_FIELD(NOXAllocator, owner, 56);
@@ -105,8 +106,10 @@ NOX_SIZE(NOXBusMsg, 24);
 
 NOX_FIELD(NOXEvent, data, 0);
 NOX_FIELD(NOXEvent, type, 8);
+NOX_SIZE(NOXEvent, 16);
 NOX_FIELD(NOXPluginGroupMember, plugin, 0);
 NOX_FIELD(NOXPluginGroupMember, attend, 8);
+NOX_SIZE(NOXPluginGroupMember, 16);
 
 NOX_FIELD(NOXPlugin, plgname, 56);
 NOX_FIELD(NOXPlugin, bus, 64);

@@ -68,8 +68,10 @@ void end_stream(NOXPlugin *plugin)
 
 int32_t nox_basesink_init(NOXBaseSink *sink)
 {
-    NOXPlugin *plugin = &sink->plugin;
+    auto *plugin = reinterpret_cast<NOXPlugin *>(sink); // null stays null
     const int32_t result = nox_plugin_init(plugin);
+    if (plugin == nullptr)
+        return result;
     plugin->issink = 1;
     plugin->start_func = nox_basesink_start;
     plugin->stop_func = nox_basesink_stop;

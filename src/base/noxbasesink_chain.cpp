@@ -12,6 +12,7 @@
 namespace
 {
 
+constexpr char kSource[] = "noxbasesink";
 constexpr uint64_t kReportPeriodMs = 5000;
 constexpr uint32_t kClockPollMs = 10;
 constexpr int32_t kMega = 1000000;
@@ -142,6 +143,10 @@ void synchronise(NOXBaseSink *sink, NOXBuffer *buffer)
 int32_t nox_basesink_chain(NOXPlugin *plugin, NOXBuffer *buffer)
 {
     auto *sink = reinterpret_cast<NOXBaseSink *>(plugin);
+    if (sink->render_func == nullptr) { // its start was refused, and a push came all the same
+        NOX_TRACE_OBJECT(sink, OSA_TRACE_ERROR, "must be declaration render function\n");
+        return -1;
+    }
     nox::store_release(sink->dataready, uint8_t{1});
     if (nox::load_relaxed(sink->verbose) == 1)
         account(sink, buffer);

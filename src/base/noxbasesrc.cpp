@@ -12,7 +12,10 @@
 //      pause never waits for a thread that is gone;
 //   4. a thread stores `parked_` before it looks at `state` and `started` once
 //      more, and who changes those looks at `parked_` afterwards, so a thread is
-//      never left parked by a stop or start that did not see it.
+//      never left parked by a stop or start that did not see it;
+//   5. a thread that is parked already, because the plugin went from PAUSE to READY
+//      and back, is not asked to park: it would not answer. `held_`, the control
+//      side's own note, tells it from one that is parked but has been woken.
 
 #include "noxbasesrc.h"
 
@@ -98,9 +101,14 @@ void trace_options(const NOXBaseSrc *source)
                          policy_name(source->errhandle));
 }
 
+bool is_parked(const NOXBaseSrc *source)
+{
+    return nox::load_ordered(source->parked_);
+}
+
 void wake_when_parked(NOXBaseSrc *source)
 {
-    if (nox::load_ordered(source->parked_) && source->plugin.state_event != nullptr)
+    if (is_parked(source) && source->plugin.state_event != nullptr)
         OSA_EventSend(source->plugin.state_event);
 }
 
@@ -173,18 +181,34 @@ bool pipe_is_started(const NOXBaseSrc *source)
     return pipe == nullptr || nox::load_acquire(pipe->started);
 }
 
+// Whether the thread is there to be asked, and has not been parked before. On the
+// thread itself there is nothing to wait for: it parks with its next pass.
+bool must_be_asked_to_park(const NOXBaseSrc *source)
+{
+    return nox::load_acquire(source->plugin.started) && source->thread != nullptr &&
+           source->pauseevent != nullptr && !nox::is_thread_of(source) &&
+           !(source->held_ && is_parked(source));
+}
+
 void pause(NOXBaseSrc *source)
 {
     if (!pipe_is_started(source)) {
         nox::store_ordered(source->plugin.started, uint8_t{0});
         return;
     }
-    if (!nox::load_acquire(source->plugin.started) || source->thread == nullptr)
+    if (!must_be_asked_to_park(source))
         return;
     nox::store_ordered(source->pausewait, uint8_t{1});
     if (!nox::load_ordered(source->threadended_))
         OSA_EventWait(source->pauseevent, OSA_WAIT_FOREVER);
     nox::store_ordered(source->pausewait, uint8_t{0});
+    source->held_ = 1;
+}
+
+// In PAUSE a thread parks by itself, in any other state it is to run.
+void note_start(NOXBaseSrc *source)
+{
+    source->held_ = nox::load_relaxed(source->plugin.state) == NOX_STATE_PAUSE;
 }
 
 } // namespace
@@ -243,16 +267,18 @@ int32_t nox_basesrc_start(NOXPlugin *plugin)
     NOXBaseSrc *source = source_of(plugin);
     if (prepare_start(source) != 0)
         return -1;
+    note_start(source);
     if (source->thread != nullptr) {
         NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "thread already started(%x)\n",
                          nox::low32(source->thread));
         // From PAUSE by way of READY the thread is still parked.
-        wake_when_parked(source);
+        if (!source->held_)
+            wake_when_parked(source);
         return 0;
     }
     if (source->usethread && start_thread(source) != 0)
         return -1;
-    return source->islive ? make_pause_event(source) : 0;
+    return nox::load_relaxed(source->islive) ? make_pause_event(source) : 0;
 }
 
 int32_t nox_basesrc_stop(NOXPlugin *plugin)
@@ -283,7 +309,9 @@ int32_t nox_basesrc_setstate(NOXPlugin *plugin, int32_t state)
     NOXBaseSrc *source = source_of(plugin);
     const int32_t result =
         source->setstate_func != nullptr ? source->setstate_func(source, state) : 0;
-    if (state == NOX_STATE_PAUSE && source->islive)
+    if (state == NOX_STATE_PLAY || state == NOX_STATE_NULL)
+        source->held_ = 0;
+    if (state == NOX_STATE_PAUSE && nox::load_relaxed(source->islive))
         pause(source);
     return result;
 }
@@ -294,7 +322,7 @@ int32_t nox_basesrc_event(NOXPlugin *plugin, NOXEvent *event)
     if (source->event_func == nullptr)
         return 0;
     const int32_t result = source->event_func(source, event);
-    if (result != 0 && !source->islive)
+    if (result != 0 && !nox::load_relaxed(source->islive))
         nox_plugin_error_post(plugin, NOX_MSG_EOS, "EOS by event failure\n");
     return result;
 }
@@ -322,7 +350,7 @@ uint8_t nox_basesrc_get_eos(NOXPlugin *plugin)
 
 uint8_t nox_basesrc_get_stopped(NOXPlugin *plugin)
 {
-    if (!source_of(plugin)->islive)
+    if (!nox::load_relaxed(source_of(plugin)->islive))
         return nox_basesrc_get_eos(plugin);
     return !nox_basesrc_get_dataready(plugin);
 }

@@ -64,6 +64,12 @@ private:
         return nox::load_relaxed(m_source->errhandle);
     }
 
+    // Ordered, like the stores on the control side: see invariant 4.
+    bool must_park() const
+    {
+        return nox::load_ordered(m_plugin->started) && pause_is_asked_for();
+    }
+
     bool pause_is_asked_for() const
     {
         return nox::load_ordered(m_plugin->state) == NOX_STATE_PAUSE ||
@@ -76,6 +82,7 @@ private:
     }
 
     Step park_while_paused();
+    bool acknowledge_pause();
     Step wait_parked();
     Step leave_pause(int32_t state);
 
@@ -114,20 +121,24 @@ Step SourceThread::park_while_paused()
 {
     if (!pause_is_asked_for())
         return Step::kProduce;
-    const bool acknowledges =
-        nox::load_ordered(m_source->pausewait) == 1 && m_source->pauseevent != nullptr;
-    // What an earlier pause left latched must not end this one.
-    if (acknowledges)
-        OSA_EventWait(m_plugin->state_event, 0);
     nox::store_ordered(m_source->parked_, uint8_t{1});
-    Step step = Step::kNextPass;
-    if (is_started() && pause_is_asked_for()) {
-        if (acknowledges)
-            OSA_EventSend(m_source->pauseevent);
-        step = wait_parked();
-    }
+    const Step step = must_park() && acknowledge_pause() ? wait_parked() : Step::kNextPass;
     nox::store_ordered(m_source->parked_, uint8_t{0});
     return step;
+}
+
+// False when the source was stopped meanwhile.
+bool SourceThread::acknowledge_pause()
+{
+    if (nox::load_ordered(m_source->pausewait) != 1 || m_source->pauseevent == nullptr)
+        return true;
+    // What an earlier pause left latched must not end this one. It may be a stop's
+    // wake-up, too, whose reason then shows in `started`.
+    OSA_EventWait(m_plugin->state_event, 0);
+    if (!nox::load_ordered(m_plugin->started))
+        return false;
+    OSA_EventSend(m_source->pauseevent);
+    return true;
 }
 
 Step SourceThread::wait_parked()
@@ -360,7 +371,7 @@ void SourceThread::ask_group_to_restart(NOXPluginGroup *group)
     const uint32_t count = nox_plugin_group_members(group);
     for (uint32_t i = 0; i < count; ++i) {
         NOXPlugin *member = nox_plugin_group_get_member(group, i);
-        if (member != nullptr && member != m_plugin)
+        if (member != nullptr && member != m_plugin && member->issrc)
             nox::store_release(reinterpret_cast<NOXBaseSrc *>(member)->restartreq, uint8_t{1});
     }
 }

@@ -1,6 +1,7 @@
 // From a plugin's name to a live plugin object: its library, its descriptor, its
 // record.
 
+#include "internal/atomic_field.h"
 #include "internal/guard.h"
 #include "internal/trace.h"
 #include "nox.h"
@@ -45,6 +46,7 @@ bool is_usable(const NOXPluginDesc &desc, const char *path)
     if (desc.size < static_cast<int32_t>(sizeof(NOXPlugin))) {
         NOX_TRACE(OSA_TRACE_ERROR, "record size (%d) below (%d) in (%s)\n", desc.size,
                   static_cast<int>(sizeof(NOXPlugin)), path);
+        NOX_TRACE(OSA_TRACE_ERROR, "can not create object size (%d)\n", desc.size);
         return false;
     }
     if (desc.init == nullptr) {
@@ -87,7 +89,7 @@ NOXPlugin *nox_load_plugin(const char *plugin_name, const char *instance_name)
     // Only now: an init function that drops its own object must not unload the
     // library whose code is running.
     plugin->object.library = library.release();
-    plugin->state = NOX_STATE_NULL;
+    nox::store_relaxed(plugin->state, int32_t{NOX_STATE_NULL});
     return plugin.release();
 }
 

@@ -61,6 +61,9 @@ NOXBuffer *nox_buffer_new(uint32_t size)
                   static_cast<int>(sizeof(NOXBuffer)));
         return nullptr;
     }
+    // A record from a pool may have been a buffer before.
+    buffer->datasize = 0;
+    std::fill(std::begin(buffer->mems), std::end(buffer->mems), nullptr);
     buffer->object.finalize = finalize_buffer;
     if (size == 0)
         return buffer.release();

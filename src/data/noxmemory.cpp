@@ -39,7 +39,7 @@ NOXMemory *nox_memory_new(uint32_t size)
     if (size != 0) {
         memory->data = static_cast<uint8_t *>(NOX_MALLOC(size));
         if (memory->data == nullptr) {
-            NOX_TRACE(OSA_TRACE_ERROR, "can not allocation data. size(%u)\n", size);
+            NOX_TRACE(OSA_TRACE_ERROR, "no memory for the data. size(%u)\n", size);
             return nullptr;
         }
         memory->datasize = memory->allocsize = size;

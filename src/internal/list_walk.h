@@ -10,6 +10,13 @@
 namespace nox
 {
 
+// The first node; null for an empty list and for none, which a layer's own
+// operation need not take.
+inline OSA_ListNode *head_of(OSA_List *list)
+{
+    return list != nullptr ? OSA_ListGetHead(list) : nullptr;
+}
+
 // for (Entry *entry : items<Entry>(list)): the nodes' data from head to tail,
 // ending early at a node without data. The list must not change meanwhile.
 template <typename T>
@@ -41,7 +48,7 @@ public:
     explicit ListItems(OSA_List *list) : m_list(list) {}
     Iterator begin() const
     {
-        return Iterator(OSA_ListGetHead(m_list));
+        return Iterator(head_of(m_list));
     }
     std::nullptr_t end() const
     {

@@ -47,7 +47,7 @@ public:
     // for an empty stack.
     NOXPlugin *take_next_branch()
     {
-        OSA_ListNode *top = OSA_ListGetHead(m_records);
+        OSA_ListNode *top = nox::head_of(m_records);
         if (top == nullptr)
             return nullptr;
         auto *record = static_cast<Record *>(top->data);

@@ -49,6 +49,6 @@ int32_t nox_pipe_reset(NOXPipe *pipe)
     const int32_t result = nox_pipe_set_event(pipe, &event);
     if (result != 0)
         NOX_TRACE(OSA_TRACE_ERROR, "nox_pipe_set_event fail.\n");
-    nox_timer_stop(pipe->clock);
+    nox::stop_clock(pipe);
     return result;
 }

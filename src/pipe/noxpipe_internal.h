@@ -22,6 +22,10 @@ inline nox::ListItems<NOXPlugin> members(const NOXPipe *pipe)
 namespace nox
 {
 
+// Stops the pipeline clock. One that has never run is left alone: the clock would
+// count the time until its first start as a pause that lies before that start.
+void stop_clock(NOXPipe *pipe);
+
 // The control thread with its queue. Start leaves nothing behind when it fails;
 // stop returns when the thread has ended and everything queued is released.
 bool start_control_thread(NOXPipe *pipe);

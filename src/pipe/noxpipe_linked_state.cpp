@@ -29,7 +29,7 @@ int32_t pipe_iterate_linked_plugin_set_state(NOXPlugin *plugin, int32_t state)
 {
     for (; plugin != nullptr; plugin = plugin->next) {
         set_chain_member(plugin, state);
-        OSA_ListNode *node = OSA_ListGetHead(plugin->nextlist);
+        OSA_ListNode *node = nox::head_of(plugin->nextlist);
         for (; node != nullptr; node = node->next)
             pipe_iterate_linked_plugin_set_state(static_cast<NOXPlugin *>(node->data), state);
     }
@@ -38,6 +38,10 @@ int32_t pipe_iterate_linked_plugin_set_state(NOXPlugin *plugin, int32_t state)
 
 int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int32_t state)
 {
+    if (plugin == nullptr) {
+        NOX_TRACE(OSA_TRACE_ERROR, "invalid plugin (NULL)\n");
+        return -1;
+    }
     const int32_t current = nox_pipe_get_state(pipe);
     if (state == current) {
         NOX_TRACE(OSA_TRACE_ERROR, "warning state is same as current.state(%d)\n", current);

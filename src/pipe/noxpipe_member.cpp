@@ -47,6 +47,16 @@ NOXPlugin *chain_source(NOXPlugin *plugin)
     return source;
 }
 
+// The plugins downstream must not point at one that is released.
+void forget_upstream(NOXPlugin *plugin)
+{
+    for (NOXPlugin *branch : nox::items<NOXPlugin>(plugin->nextlist))
+        if (branch->prev == plugin)
+            branch->prev = nullptr;
+    if (plugin->next->prev == plugin)
+        plugin->next->prev = nullptr;
+}
+
 bool is_unused(const NOXPlugin *plugin)
 {
     if (plugin->issink)
@@ -68,7 +78,7 @@ int32_t nox_pipe_add_plugin_many(NOXPipe *pipe, NOXPlugin *plugin, ...)
     int32_t result = 0;
     va_list plugins;
     va_start(plugins, plugin);
-    for (; plugin != nullptr && result == 0; plugin = va_arg(plugins, NOXPlugin *))
+    for (; plugin != nullptr && result >= 0; plugin = va_arg(plugins, NOXPlugin *))
         result = add_member(pipe, plugin);
     va_end(plugins);
     return result;
@@ -100,13 +110,11 @@ int32_t nox_pipe_del_linked_plugin(NOXPipe *pipe, NOXPlugin *plugin)
         }
         NOXPlugin *next = current->next;
         if (next == nullptr)
-            break;
+            return 0;
+        forget_upstream(current);
         nox_object_delete(current);
         current = next;
     }
-    // It outlives the chain, so it must not point at what was released.
-    current->prev = nullptr;
-    return 0;
 }
 
 int32_t nox_pipe_set_option(NOXPipe *pipe, uint32_t bits)

@@ -140,7 +140,7 @@ void enter_play(NOXPipe *pipe)
 {
     NOX_TRACE(OSA_TRACE_VERBOSE, "state to PLAY\n");
     nox_timer_start(pipe->clock);
-    pipe->basereftime = nox_timer_gettime(pipe->clock);
+    nox::store_relaxed(pipe->basereftime, nox_timer_gettime(pipe->clock));
     nox::store_release(pipe->plugin.started, uint8_t{1});
 }
 
@@ -150,15 +150,26 @@ void follow_with_clock(NOXPipe *pipe, int32_t state)
         enter_play(pipe);
     } else if (state == NOX_STATE_PAUSE) {
         NOX_TRACE(OSA_TRACE_VERBOSE, "state to PAUSE\n");
-        nox_timer_stop(pipe->clock);
+        nox::stop_clock(pipe);
     } else if (state == NOX_STATE_NULL) {
         NOX_TRACE(OSA_TRACE_VERBOSE, "state to NULL\n");
-        nox_timer_stop(pipe->clock);
+        nox::stop_clock(pipe);
         nox::store_release(pipe->plugin.started, uint8_t{0});
     }
 }
 
 } // namespace
+
+namespace nox
+{
+
+void stop_clock(NOXPipe *pipe)
+{
+    if (pipe->clock->starttick != 0)
+        nox_timer_stop(pipe->clock);
+}
+
+} // namespace nox
 
 int32_t pipe_src_set_state(NOXPipe *pipe, int32_t state)
 {

@@ -5,6 +5,7 @@
 // checks, two byte stores and one indirect call.
 
 #include "internal/atomic_field.h"
+#include "internal/list_walk.h"
 #include "plugin/noxplugin_check.h"
 
 namespace
@@ -51,10 +52,16 @@ int32_t trace_branch_failure(const NOXBuffer *buffer, const NOXPlugin *branch, i
     return result;
 }
 
-// The branches after the first; `result` is what the first answered.
-int32_t push_to_further_branches(NOXPlugin *plugin, NOXBuffer *buffer, int32_t result)
+// What is left of a push when the first branch has answered `result`: telling
+// its failure, and the further branches. Apart from the road of the good single
+// branch, which would pay for the registers that this needs.
+[[gnu::noinline]] int32_t finish_push(NOXPlugin *plugin, NOXBuffer *buffer, int32_t result)
 {
-    OSA_ListNode *node = OSA_ListGetHead(plugin->nextlist);
+    if (result != 0)
+        NOX_TRACE_FOR("nox_plugin_push_buffer", OSA_TRACE_ERROR,
+                      "Pushing (%s) --> (%s) failed! (ret:%d)\n", nox::name_of(plugin),
+                      nox::name_of(plugin->next), result);
+    OSA_ListNode *node = nox::head_of(plugin->nextlist);
     if (node == nullptr)
         return result;
     for (; node != nullptr; node = node->next) {
@@ -121,10 +128,9 @@ int32_t nox_plugin_push_buffer(NOXPlugin *plugin, NOXBuffer *buffer)
     if (nox::load_acquire(next->state) == NOX_STATE_NULL)
         return 0;
     const int32_t result = hand_buffer(next, buffer);
-    if (result != 0)
-        NOX_TRACE(OSA_TRACE_ERROR, "Pushing (%s) --> (%s) failed! (ret:%d)\n", nox::name_of(plugin),
-                  nox::name_of(next), result);
-    return plugin->nextlist != nullptr ? push_to_further_branches(plugin, buffer, result) : result;
+    if (result == 0 && plugin->nextlist == nullptr)
+        return 0;
+    return finish_push(plugin, buffer, result);
 }
 
 int32_t nox_plugin_push_buffer_idx(NOXPlugin *plugin, int32_t idx, NOXBuffer *buffer)
@@ -160,7 +166,7 @@ int32_t nox_plugin_push_event(NOXPlugin *plugin, NOXEvent *event)
         return 0;
     }
     int32_t result = push_event_to_first(plugin->next, event);
-    OSA_ListNode *node = OSA_ListGetHead(plugin->nextlist);
+    OSA_ListNode *node = nox::head_of(plugin->nextlist);
     for (; node != nullptr && result == 0; node = node->next) {
         auto *branch = static_cast<NOXPlugin *>(node->data);
         if (branch == nullptr)

@@ -13,6 +13,19 @@ namespace
 class FullRun
 {
 public:
+    FullRun() : m_changed(OSA_EventCreate(0))
+    {
+        s_current = this;
+    }
+
+    ~FullRun()
+    {
+        OSA_EventDestroy(m_changed);
+    }
+
+    FullRun(const FullRun &) = delete;
+    FullRun &operator=(const FullRun &) = delete;
+
     bool run()
     {
         bool worked = nox_init(Stage::kCachePath) == 0 && build() && play();
@@ -70,24 +83,28 @@ private:
         if (nox_pipe_set_state(m_pipe, NOX_STATE_PLAY) != 0)
             return false;
         const bool ended = wait_until([this] { return m_inbox.count(NOX_MSG_EOS) > 0; }, 20'000);
-        return nox_pipe_set_state_async(m_pipe, NOX_STATE_PAUSE, nullptr) == 0 &&
-               wait_until([this] { return nox_pipe_get_state(m_pipe) == NOX_STATE_PAUSE; },
-                          2'000) &&
-               settle() && ended;
+        return pause_asynchronously() && ended;
     }
 
-    // An asynchronous change must be over before a synchronous one begins.
-    bool settle()
+    // Returns when the change is over: no other change may run beside it.
+    bool pause_asynchronously()
     {
-        OSA_ThreadSleep(1000);
-        return true;
+        m_paused = false;
+        if (nox_pipe_set_state_async(m_pipe, NOX_STATE_PAUSE, tell_change) == 0)
+            OSA_EventWait(m_changed, OSA_WAIT_FOREVER);
+        return m_paused;
+    }
+
+    static int32_t tell_change(NOXPipe *, int32_t, int32_t result)
+    {
+        s_current->m_paused = result == 0;
+        return OSA_EventSend(s_current->m_changed);
     }
 
     bool tear_down()
     {
         bool worked = true;
         if (m_pipe != nullptr) {
-            settle();
             worked = nox_pipe_set_state(m_pipe, NOX_STATE_NULL) == 0;
             nox_object_delete(m_pipe);
         }
@@ -95,7 +112,10 @@ private:
         return worked;
     }
 
+    static inline FullRun *s_current = nullptr;
     NOXPipe *m_pipe = nullptr;
+    OSA_Event *m_changed;
+    bool m_paused = false;
     Inbox m_inbox;
 };
 
@@ -110,13 +130,15 @@ template <typename Arm>
 Outcome run_with(Arm arm)
 {
     Stage stage({}, false);
-    arm();
-    FullRun full_run;
     Outcome outcome;
-    outcome.worked = full_run.run();
-    outcome.failed = SIM_FailedCount();
-    outcome.told = SIM_TraceCount("", OSA_TRACE_ERROR) > 0;
-    SIM_FailNone();
+    {
+        FullRun full_run;
+        arm(SIM_FallibleCount());
+        outcome.worked = full_run.run();
+        outcome.failed = SIM_FailedCount();
+        outcome.told = SIM_TraceCount("", OSA_TRACE_ERROR) > 0;
+        SIM_FailNone();
+    }
     outcome.remains = stage.end();
     return outcome;
 }
@@ -125,23 +147,25 @@ Outcome run_with(Arm arm)
 
 TEST(FaultSweep, EveryFallibleCallOfAFullRunMayFailOnceOrForEver)
 {
-    const Outcome clean = run_with([] {});
+    const Outcome clean = run_with([](uint64_t) {});
     ASSERT_TRUE(clean.worked);
     ASSERT_EQ("", clean.remains);
     uint64_t points = 0;
     for (bool for_ever : {false, true}) {
         for (uint64_t n = 1;; ++n) {
-            const Outcome outcome = run_with([=] { for_ever ? SIM_FailFrom(n) : SIM_FailNth(n); });
+            const Outcome outcome = run_with([=](uint64_t before) {
+                for_ever ? SIM_FailFrom(before + n) : SIM_FailNth(before + n);
+            });
             if (outcome.failed == 0)
                 break;
             ++points;
             const std::string call =
-                (for_ever ? "from " : "only ") + std::to_string(n) + ": " + SIM_FallibleText(n);
+                (for_ever ? "from " : "only ") + SIM_FallibleText(n + 1); // after the test's own
             EXPECT_EQ("", outcome.remains) << call;
             EXPECT_TRUE(outcome.told || outcome.worked) << "failed in silence, " << call;
         }
     }
-    EXPECT_TRUE(run_with([] {}).worked) << "a clean run afterwards";
+    EXPECT_TRUE(run_with([](uint64_t) {}).worked) << "a clean run afterwards";
     std::printf("%llu fault points\n", static_cast<unsigned long long>(points));
     EXPECT_GE(points, 200u);
 }
@@ -149,16 +173,17 @@ TEST(FaultSweep, EveryFallibleCallOfAFullRunMayFailOnceOrForEver)
 TEST(FaultSweep, RandomPairsOfFaultsLeaveNothingBehind)
 {
     const uint64_t calls = [] {
-        Stage stage({}, false);
-        FullRun().run();
-        return SIM_FallibleCount();
+        uint64_t count = 0;
+        run_with([&](uint64_t before) { count = before; });
+        return SIM_FallibleCount() - count;
     }();
     uint64_t random = 42;
     for (int pair = 0; pair < 300; ++pair) {
         random = random * 6364136223846793005u + 1442695040888963407u;
         const uint64_t first = (random >> 33) % calls + 1;
         const uint64_t second = (random >> 17) % calls + 1;
-        const Outcome outcome = run_with([=] { SIM_FailNth(first, second); });
+        const Outcome outcome =
+            run_with([=](uint64_t before) { SIM_FailNth(before + first, before + second); });
         EXPECT_EQ("", outcome.remains) << first << " and " << second;
     }
 }

@@ -107,6 +107,8 @@ TEST(Pause, EveryWayOutOfItWorksThroughReadyToo)
             EXPECT_GT(player.arriving(), 0u);
             player.to(NOX_STATE_PAUSE);
             player.to(NOX_STATE_READY);
+            player.to(NOX_STATE_PAUSE); // still parked: there is nobody to answer
+            player.to(NOX_STATE_READY);
             player.to(NOX_STATE_NULL);
             player.to(NOX_STATE_PLAY);
             EXPECT_GT(player.arriving(), 0u);
@@ -157,6 +159,26 @@ TEST(Pause, MeasuresNoIntervalAcrossIt)
     EXPECT_GT(player.arriving(), 0u);
     EXPECT_EQ(0u, SIM_TraceCount("Reversed timestamp"));
     player.end();
+}
+
+TEST(Pause, HoldsThroughAnyWalkThroughTheStates)
+{
+    for (bool live : {true, false}) {
+        under_all_seeds(live, [](Player &player) {
+            uint64_t random = SIM_Seed();
+            for (int step = 0; step < 12; ++step) {
+                random = random * 6364136223846793005u + 1442695040888963407u;
+                const int32_t state = static_cast<int32_t>((random >> 33) % 4);
+                // From PAUSE nothing is started, so that only what ran before runs on.
+                player.to(state);
+                if (random & 0x40000)
+                    OSA_ThreadSleep(7);
+                if (state == NOX_STATE_PAUSE && script("s").live) {
+                    EXPECT_EQ(0u, player.arriving()) << "step " << step;
+                }
+            }
+        });
+    }
 }
 
 TEST(Pause, BeforeThePipeHasStartedEndsTheThread)

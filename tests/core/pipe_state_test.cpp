@@ -193,6 +193,19 @@ TEST_F(Graph, TheClockFollowsTheStateAndTheBaseTimeIsTakenAtPlay)
     EXPECT_EQ(frozen + 10, nox_timer_gettime(pipe->clock));
 }
 
+TEST_F(Graph, TheClockOfAPipeThatWasPausedBeforeItsFirstPlayBeginsAtZero)
+{
+    nox_pipe_set_state(pipe, NOX_STATE_PAUSE);
+    nox_pipe_set_state(pipe, NOX_STATE_NULL);
+    OSA_ThreadSleep(5000);
+    nox_pipe_set_state(pipe, NOX_STATE_PAUSE);
+    OSA_ThreadSleep(5000);
+    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
+    EXPECT_EQ(0u, pipe->basereftime);
+    OSA_ThreadSleep(70);
+    EXPECT_EQ(70u, nox_timer_gettime(pipe->clock));
+}
+
 TEST_F(Graph, EndOfStreamIsPostedWhenTheLastSinkHasIt)
 {
     NOXEvent eos{nullptr, NOX_EVENT_EOS};
