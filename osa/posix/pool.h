@@ -1,4 +1,4 @@
-// Pools of fixed-size blocks. See pool.cpp for how they work.
+// Pools of fixed-size blocks. See pool_table.h for how they work.
 #ifndef OSA_POSIX_POOL_H
 #define OSA_POSIX_POOL_H
 

@@ -56,7 +56,8 @@ bool shows_colours(int output)
     return colours == shown;
 }
 
-void write_line(const OSA_TraceRecord &head, const char *format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void write_line(const OSA_TraceRecord &head,
+                                                      const char *format, va_list arguments)
 {
     osa::TextBuffer line;
     osa::append_trace_head(line, OSA_GetSystemTick(), head);
@@ -69,8 +70,9 @@ void write_line(const OSA_TraceRecord &head, const char *format, va_list argumen
     static_cast<void>(osa::file_write_all(output, line.text(), line.length()));
 }
 
-void receive_line(const Receiver &receiver, OSA_TraceRecord record, const char *format,
-                  va_list arguments)
+__attribute__((format(printf, 3, 0))) void receive_line(const Receiver &receiver,
+                                                        OSA_TraceRecord record, const char *format,
+                                                        va_list arguments)
 {
     osa::TextBuffer text;
     text.append_list(format, arguments);
@@ -79,7 +81,8 @@ void receive_line(const Receiver &receiver, OSA_TraceRecord record, const char *
 }
 
 // Callers look at errno after they traced.
-void trace(const OSA_TraceRecord &head, const char *format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void trace(const OSA_TraceRecord &head, const char *format,
+                                                 va_list arguments)
 {
     const int saved_errno = errno;
     const Receiver receiver = current_receiver();
