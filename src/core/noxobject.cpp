@@ -23,7 +23,9 @@ NOXObject *header(void *object)
     return static_cast<NOXObject *>(object);
 }
 
-NOXObject *new_on_heap(uint32_t size, const char *name, bool lockable)
+// Kept out of line: the road of a pooled record, one for every frame, would pay for
+// the registers that this needs.
+[[gnu::noinline]] NOXObject *new_on_heap(uint32_t size, const char *name, bool lockable)
 {
     // Under the public name, so that a listing of live blocks says what to look for.
     nox::Block<NOXObject> object(

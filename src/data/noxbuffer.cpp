@@ -17,12 +17,20 @@ constexpr char kSource[] = "noxbuffer";
 using BufferReference = nox::ObjectReference<NOXBuffer>;
 using MemoryReference = nox::ObjectReference<NOXMemory>;
 
+// The slots are few and this is the road of every frame, hence no loop.
 int32_t occupied_slots(const NOXBuffer *buffer)
 {
-    int32_t count = 0;
-    for (const NOXMemory *memory : buffer->mems)
-        count += memory != nullptr ? 1 : 0;
-    return count;
+    return (buffer->mems[0] != nullptr) + (buffer->mems[1] != nullptr) +
+           (buffer->mems[2] != nullptr);
+}
+
+NOXMemory **free_slot(NOXBuffer *buffer)
+{
+    if (buffer->mems[0] == nullptr)
+        return &buffer->mems[0];
+    if (buffer->mems[1] == nullptr)
+        return &buffer->mems[1];
+    return buffer->mems[2] == nullptr ? &buffer->mems[2] : nullptr;
 }
 
 void clear_slot(NOXMemory *&slot)
@@ -111,11 +119,9 @@ uint32_t nox_buffer_get_size(void)
 
 int32_t nox_buffer_append_memory(NOXBuffer *buffer, NOXMemory *memory)
 {
-    NOXMemory **free_slot = std::find(std::begin(buffer->mems), std::end(buffer->mems), nullptr);
-    if (free_slot == std::end(buffer->mems))
-        return NOX_BUFFER_MEMORIES;
-    if (memory != nullptr) {
-        *free_slot = memory; // takes over the caller's reference
+    NOXMemory **slot = free_slot(buffer);
+    if (slot != nullptr && memory != nullptr) {
+        *slot = memory; // takes over the caller's reference
         buffer->datasize += memory->datasize;
     }
     return occupied_slots(buffer);
