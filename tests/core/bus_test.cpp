@@ -60,30 +60,19 @@ struct Line {
 
 using Bus = OnStage;
 
-struct Poster {
-    Line *line;
-    const char *name;
-};
-
-int32_t post_twenty(void *argument)
-{
-    const auto *poster = static_cast<Poster *>(argument);
-    for (int32_t code = 0; code < 20; ++code)
-        EXPECT_EQ(0, poster->line->post(poster->name, code));
-    return 0;
-}
-
 TEST(BusThreads, KeepTheOrderOfEachPoster)
 {
     for (uint64_t seed = 1; seed <= 50; ++seed) {
         Stage stage({.seed = seed});
         Line line;
         line.listen();
-        Poster posters[] = {{&line, "one"}, {&line, "two"}};
-        OSA_Thread *threads[] = {OSA_ThreadCreate("one", 0, 0, post_twenty, &posters[0]),
-                                 OSA_ThreadCreate("two", 0, 0, post_twenty, &posters[1])};
-        for (OSA_Thread *thread : threads)
-            OSA_ThreadDelete(thread, nullptr);
+        const auto post_twenty = [&line](const char *name) {
+            for (int32_t code = 0; code < 20; ++code)
+                EXPECT_EQ(0, line.post(name, code));
+        };
+        {
+            Worker one([&] { post_twenty("one"); }), two([&] { post_twenty("two"); });
+        }
         int32_t next_one = 0, next_two = 0;
         for (const Received &message : line.close())
             EXPECT_EQ((message.name == "one" ? next_one : next_two)++, message.code) << seed;
@@ -181,7 +170,7 @@ TEST_F(Bus, ForeignItemIsReportedOnceAndSilencesIt)
 
 TEST_F(Bus, EndsWithoutMemoryForItsExitMessage)
 {
-    for (uint64_t n : {1, 2}) { // the message, its push
+    for (uint64_t n : {1u, 2u}) { // the message, its push
         Line line;
         line.settle();
         SIM_FailNth(SIM_FallibleCount() + n);

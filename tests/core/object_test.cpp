@@ -1,18 +1,19 @@
 // The object header: where records come from and go back to, who destroys them.
 
+#include <deque>
+
 #include "tests/core/on_stage.h"
 
 namespace
 {
 
 using Object = OnStage;
-constexpr uint32_t kThreads = 4;
 
 struct Record {
     NOXObject object;
     int32_t finalize_result;
-    uint32_t *finalized;        // counts the finalizer's runs and the cells it saw set
-    uint32_t written[kThreads]; // one cell for each holder, without a lock
+    uint32_t *finalized; // counts the finalizer's runs and the cells it saw set
+    uint32_t written[4]; // one cell for each holder, without a lock
 };
 
 Record *new_record(uint32_t *finalized)
@@ -124,23 +125,16 @@ TEST(ObjectCreation, FaultInAnyStepIsTracedAndKeepsNothing)
     }
 }
 
-struct Holder {
-    Record *record;
-    uint32_t *cell;
-};
-
-int32_t hold_and_drop(void *argument)
+void hold_and_drop(Record *record, uint32_t &cell)
 {
-    const auto *holder = static_cast<Holder *>(argument);
     for (int round = 0; round < 5; ++round) {
-        nox_object_refer(holder->record);
+        nox_object_refer(record);
         SIM_Point();
-        nox_object_delete(holder->record);
+        nox_object_delete(record);
     }
-    *holder->cell = 1;
+    cell = 1;
     SIM_Point();
-    nox_object_delete(holder->record);
-    return 0;
+    nox_object_delete(record);
 }
 
 TEST(ObjectThreads, LastHolderSeesTheWritesOfAllAndFinalizesOnce)
@@ -149,17 +143,14 @@ TEST(ObjectThreads, LastHolderSeesTheWritesOfAllAndFinalizesOnce)
         Stage stage({.seed = seed});
         uint32_t finalized = 0;
         Record *record = new_record(&finalized);
-        Holder holders[kThreads];
-        OSA_Thread *threads[kThreads];
-        for (uint32_t i = 0; i < kThreads; ++i) {
+        std::deque<Worker> holders;
+        for (uint32_t &cell : record->written) {
             nox_object_refer(record);
-            holders[i] = {record, &record->written[i]};
-            threads[i] = OSA_ThreadCreate("holder", 0, 0, hold_and_drop, &holders[i]);
+            holders.emplace_back([record, &cell] { hold_and_drop(record, cell); });
         }
         nox_object_delete(record);
-        for (OSA_Thread *thread : threads)
-            OSA_ThreadDelete(thread, nullptr);
-        EXPECT_EQ(1 + kThreads, finalized) << "seed " << seed;
+        holders.clear();
+        EXPECT_EQ(1 + std::size(record->written), finalized) << "seed " << seed;
         EXPECT_EQ("", stage.end());
     }
 }

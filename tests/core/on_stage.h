@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/stage.h"
@@ -39,6 +41,31 @@ void sweep_faults(Scenario scenario, bool initialise = true)
         EXPECT_EQ("", stage.end()) << SIM_FallibleText(fault);
     }
 }
+
+// A thread of the run; the end of its scope waits for it.
+class Worker
+{
+public:
+    explicit Worker(std::function<void()> body)
+        : m_body(std::move(body)), m_thread(OSA_ThreadCreate("worker", 0, 0, run, this))
+    {
+    }
+    ~Worker()
+    {
+        OSA_ThreadDelete(m_thread, nullptr);
+    }
+    Worker(const Worker &) = delete;
+    Worker &operator=(const Worker &) = delete;
+
+private:
+    static int32_t run(void *self)
+    {
+        static_cast<Worker *>(self)->m_body();
+        return 0;
+    }
+    std::function<void()> m_body;
+    OSA_Thread *m_thread;
+};
 
 // How often exactly this line was written; `text` goes without its line feed.
 inline uint32_t traced(const std::string &module, int32_t level, const std::string &text)

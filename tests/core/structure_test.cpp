@@ -156,6 +156,8 @@ TEST_F(Structure, NamesFitKeepTheirOrderAndCanChangeTypeOnceDeleted)
     EXPECT_EQ(1u, traced("noxstructure", 1, "can not find name(c)"));
     EXPECT_EQ(0, nox_structure_del_var(structure, "b"));
     EXPECT_EQ(0, nox_structure_putvar1(NOX_TYPE_STRING, structure, "b", 0, "now a text"));
+    EXPECT_EQ(0, nox_structure_del_var(structure, "b"));
+    EXPECT_EQ(0, nox_structure_putvar_int32(structure, "b", 0, &value));
     std::string order;
     for (OSA_ListNode *node = OSA_ListGetHead(structure->vars); node; node = node->next)
         order += static_cast<NOXStructureNode *>(node->data)->name + std::string(" ");

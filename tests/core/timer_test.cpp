@@ -44,7 +44,7 @@ TEST_F(Timer, CountsWhileItRunsAndStandsStillWhileStopped)
 
 TEST_F(Timer, FirstReadingLeavesOutThePausesBeforeIt)
 {
-    for (uint64_t pause : {300, 500}) {
+    for (uint64_t pause : {300u, 500u}) {
         nox_timer_start(timer);
         SIM_TickAdvance(40);
         nox_timer_stop(timer);
@@ -91,9 +91,11 @@ TEST_F(Timer, SetTimesCountOnFromTheMomentTheyName)
     nox_timer_settime(timer, 5000);
     EXPECT_EQ(1u, traced("noxtimer", 2, "changed (5100)"));
     EXPECT_EQ(5110u, read_after(10));
-    nox_timer_settime_absolute(timer, 600); // at tick 1110
-    EXPECT_EQ(1u, traced("noxtimer", 2, "changed (1110)"));
-    EXPECT_EQ(1120u, read_after(10));
+    nox_timer_settime(timer, 0 - uint64_t{5110}); // to 0, which is no first reading again
+    EXPECT_EQ(10u, read_after(10));
+    nox_timer_settime_absolute(timer, 600); // at tick 1120
+    EXPECT_EQ(1u, traced("noxtimer", 2, "changed (1120)"));
+    EXPECT_EQ(1130u, read_after(10));
     nox_timer_settime_absolute(timer, 5000); // a tick still to come: the largest interval
     EXPECT_EQ(1u, traced("noxtimer", 2, "changed (4999)"));
     nox_timer_stop(timer);
@@ -138,20 +140,16 @@ TEST_F(Timer, StreamTimestampKeepsTheLowestUntilCleared)
     }
 }
 
-int32_t start_after_500_ms(void *timer)
-{
-    OSA_ThreadSleep(500);
-    return nox_timer_start(static_cast<NOXTimer *>(timer));
-}
-
 TEST_F(Timer, WaitEndsWithTheFirstStartOrItsTimeout)
 {
     EXPECT_NE(0, nox_timer_wait(timer, 10));
     EXPECT_EQ(1010u, SIM_Tick());
-    OSA_Thread *thread = OSA_ThreadCreate("starter", 0, 0, start_after_500_ms, timer);
+    Worker starter([this] {
+        OSA_ThreadSleep(500);
+        nox_timer_start(timer);
+    });
     EXPECT_EQ(0, nox_timer_wait(timer, 10'000));
     EXPECT_EQ(1510u, SIM_Tick());
-    OSA_ThreadDelete(thread, nullptr);
     nox_timer_stop(timer);
     nox_timer_start(timer);
     EXPECT_NE(0, nox_timer_wait(timer, 10)); // only the first start is announced
