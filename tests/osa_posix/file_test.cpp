@@ -50,6 +50,7 @@ TEST_F(Files, OneLineOfTheFileIsOneLineRead)
 
 TEST_F(Files, WritingEmptiesAnExistingFile)
 {
+    Traces traces;
     const std::string path = write_file("written", "former content\n");
     OSA_File *file = OSA_FileOpen(path.c_str(), OSA_FILE_WRITE);
     EXPECT_EQ(OSA_FileWrite(file, "new\n", 4), 4);

@@ -1,10 +1,11 @@
 // What the tests of the Linux layer share: trace lines gathered, nothing left
-// alive at the end, files in a folder of their own.
+// alive and no file left behind at the end.
 #ifndef OSA_POSIX_FIXTURE_H
 #define OSA_POSIX_FIXTURE_H
 
 #include <fstream>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -59,16 +60,22 @@ protected:
         OSA_AliveGet(&alive);
         EXPECT_TRUE(OSA_AliveIsNothing(&alive));
         OSA_SystemUnInit(nullptr);
+        for (const std::string &path : m_files)
+            unlink(path.c_str());
     }
 
-    // The path of a new file with that content.
-    static std::string write_file(const char *name, const std::string &content)
+    // The path of a file with that content, which is there for this test.
+    std::string write_file(const char *name, const std::string &content)
     {
         const std::string path =
             testing::TempDir() + "osa_posix_" + std::to_string(getpid()) + "_" + name;
         std::ofstream(path, std::ios::binary) << content;
+        m_files.insert(path);
         return path;
     }
+
+private:
+    std::set<std::string> m_files;
 };
 
 #endif

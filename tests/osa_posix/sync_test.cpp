@@ -1,6 +1,7 @@
 // Mutexes, events and queues.
 
 #include <atomic>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -76,11 +77,14 @@ TEST_F(Event, EachSendReleasesOneWaiterHoweverLateItRuns)
             EXPECT_EQ(OSA_EventWait(event, OSA_WAIT_FOREVER), 0);
             ++released;
         });
-    OSA_ThreadSleep(50);
+    OSA_ThreadSleep(200); // by then they wait
+    Traces traces;
     EXPECT_NE(OSA_EventDestroy(event), 0) << "while threads wait";
     OSA_EventSend(event);
     OSA_EventSend(event);
-    OSA_ThreadSleep(50);
+    while (released < 2)
+        OSA_ThreadSleep(1);
+    OSA_ThreadSleep(20);
     EXPECT_EQ(released, 2);
     OSA_EventSend(event);
     for (std::thread &waiter : waiters)
@@ -94,32 +98,42 @@ TEST_F(Queue, KeepsOrderPerProducerAndLosesNothing)
     constexpr uint32_t producers = 3;
     constexpr uint32_t each = 10000;
     int item[producers] = {};
+    int stop = 0;
     std::atomic<uint32_t> received{0};
+    const auto produce = [&](uint32_t producer) {
+        for (uint32_t number = 1; number <= each; ++number)
+            EXPECT_EQ(OSA_QueuePush(queue, &item[producer], number), 0);
+    };
+    const auto consume = [&] {
+        uint32_t last[producers] = {};
+        uint32_t number = 0;
+        for (;;) {
+            void *popped = OSA_QueuePop(queue, &number, OSA_WAIT_FOREVER);
+            if (popped == &stop)
+                return;
+            uint32_t &previous = last[static_cast<int *>(popped) - item];
+            EXPECT_LT(previous, number);
+            previous = number;
+            ++received;
+        }
+    };
+    std::thread consumers[] = {std::thread(consume), std::thread(consume)};
     std::vector<std::thread> threads;
     for (uint32_t producer = 0; producer < producers; ++producer)
-        threads.emplace_back([&, producer] {
-            for (uint32_t number = 1; number <= each; ++number)
-                EXPECT_EQ(OSA_QueuePush(queue, &item[producer], number), 0);
-        });
-    for (int consumer = 0; consumer < 2; ++consumer)
-        threads.emplace_back([&] {
-            uint32_t last[producers] = {};
-            uint32_t number = 0;
-            while (void *popped = OSA_QueuePop(queue, &number, 300)) {
-                uint32_t &previous = last[static_cast<int *>(popped) - item];
-                EXPECT_LT(previous, number);
-                previous = number;
-                ++received;
-            }
-        });
+        threads.emplace_back(produce, producer);
     for (std::thread &thread : threads)
         thread.join();
+    for (size_t index = 0; index < std::size(consumers); ++index)
+        OSA_QueuePush(queue, &stop, 0);
+    for (std::thread &consumer : consumers)
+        consumer.join();
     EXPECT_EQ(received, producers * each);
     EXPECT_EQ(OSA_QueueDestroy(queue), 0);
 }
 
 TEST_F(Queue, PopWaitsNoLongerThanAskedAndLeavesTheSizeAlone)
 {
+    Traces traces;
     OSA_Queue *queue = OSA_QueueCreate("empty", 0);
     uint32_t size = 99;
     const uint64_t start = OSA_GetSystemTick();
