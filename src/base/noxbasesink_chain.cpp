@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "base/basesrc_thread.h"
+#include "base/basesrc_internal.h"
 #include "internal/atomic_field.h"
 #include "internal/saturate.h"
 #include "internal/trace.h"

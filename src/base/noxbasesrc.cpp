@@ -1,5 +1,6 @@
-// The base source, control side: options, start and stop of the source thread,
-// and the pause handshake. The thread itself is in noxbasesrc_loop.cpp.
+// The base source, control side: start and stop of the source thread, and the
+// pause handshake. The thread itself is in noxbasesrc_loop.cpp, the options are in
+// noxbasesrc_format.cpp.
 //
 // Pausing. The control side raises `pausewait` and waits on `pauseevent`; the
 // thread, at the top of its next pass, takes away what is latched in the plugin's
@@ -19,7 +20,7 @@
 
 #include "noxbasesrc.h"
 
-#include "base/basesrc_thread.h"
+#include "base/basesrc_internal.h"
 #include "internal/atomic_field.h"
 #include "internal/trace.h"
 
@@ -28,78 +29,6 @@ namespace
 
 constexpr char kSource[] = "noxbasesrc";
 constexpr uint32_t kDefaultStackSize = 0x20000;
-
-NOXBaseSrc *source_of(NOXPlugin *plugin)
-{
-    return reinterpret_cast<NOXBaseSrc *>(plugin);
-}
-
-const char *policy_name(int32_t errhandle)
-{
-    switch (errhandle) {
-    case NOX_ERRHANDLE_QUIT:
-        return "QUIT";
-    case NOX_ERRHANDLE_RETRY:
-        return "RETRY+CB";
-    case NOX_ERRHANDLE_RESTART:
-        return "RESTART+CB";
-    case NOX_ERRHANDLE_DONT_CARE:
-        return "DONT_CARE";
-    default:
-        return "NONE(QUIT)";
-    }
-}
-
-// The fields may be read by the running thread, hence stored atomically.
-void read_uint32(NOXStructure *format, const char *key, uint32_t &field)
-{
-    uint32_t value;
-    if (nox_structure_getvar_uint32(format, key, &value) == 0)
-        nox::store_relaxed(field, value);
-}
-
-void read_signed(NOXStructure *format, const char *key, int32_t &field)
-{
-    uint32_t value;
-    if (nox_structure_getvar_uint32(format, key, &value) == 0)
-        nox::store_relaxed(field, static_cast<int32_t>(value));
-}
-
-void read_bool(NOXStructure *format, const char *key, uint8_t &field)
-{
-    uint8_t value;
-    if (nox_structure_getvar_bool(format, key, &value) == 0)
-        nox::store_relaxed(field, value);
-}
-
-void read_options(NOXBaseSrc *source, NOXStructure *format)
-{
-    read_uint32(format, "priority", source->priority);
-    read_uint32(format, "maxframes", source->maxframes);
-    read_bool(format, "islive", source->islive);
-    read_signed(format, "errhandle", source->errhandle);
-    read_signed(format, "errcount", source->errcount);
-    uint32_t size;
-    if (void *callback = nox_structure_getvar_void(format, "errcallback", &size))
-        source->errcallback = callback;
-    uint8_t asyncstart;
-    if (nox_structure_getvar_bool(format, "asyncstart", &asyncstart) == 0)
-        nox::store_relaxed(source->waitallsrc, uint8_t{asyncstart == 0});
-    read_bool(format, "privatets", source->privatets);
-}
-
-void trace_options(const NOXBaseSrc *source)
-{
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "priority  (%d)\n", source->priority);
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "maxframes (%d)\n", source->maxframes);
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "islive    (%d)\n", source->islive);
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "asyncstart(%d)\n",
-                     nox::load_relaxed(source->waitallsrc) ? 0 : 1);
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "privatets (%d)\n", source->privatets);
-    if (source->islive)
-        NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "on-error  (%d:%s)\n", source->errhandle,
-                         policy_name(source->errhandle));
-}
 
 bool is_parked(const NOXBaseSrc *source)
 {
@@ -246,25 +175,9 @@ uint32_t nox_basesrc_get_size(void)
     return sizeof(NOXBaseSrc);
 }
 
-int32_t nox_basesrc_setformat(NOXPlugin *plugin, NOXStructure *format)
-{
-    NOXBaseSrc *source = source_of(plugin);
-    read_options(source, format);
-    const int32_t result =
-        source->setformat_func != nullptr ? source->setformat_func(source, format) : 0;
-    trace_options(source);
-    return result;
-}
-
-int32_t nox_basesrc_getformat(NOXPlugin *plugin, NOXStructure *format)
-{
-    NOXBaseSrc *source = source_of(plugin);
-    return source->getformat_func != nullptr ? source->getformat_func(source, format) : 0;
-}
-
 int32_t nox_basesrc_start(NOXPlugin *plugin)
 {
-    NOXBaseSrc *source = source_of(plugin);
+    NOXBaseSrc *source = nox::source_of(plugin);
     if (prepare_start(source) != 0)
         return -1;
     note_start(source);
@@ -283,7 +196,7 @@ int32_t nox_basesrc_start(NOXPlugin *plugin)
 
 int32_t nox_basesrc_stop(NOXPlugin *plugin)
 {
-    NOXBaseSrc *source = source_of(plugin);
+    NOXBaseSrc *source = nox::source_of(plugin);
     int32_t result = 0;
     if (source->prestop_func != nullptr) {
         result = source->prestop_func(source);
@@ -306,7 +219,7 @@ int32_t nox_basesrc_stop(NOXPlugin *plugin)
 
 int32_t nox_basesrc_setstate(NOXPlugin *plugin, int32_t state)
 {
-    NOXBaseSrc *source = source_of(plugin);
+    NOXBaseSrc *source = nox::source_of(plugin);
     const int32_t result =
         source->setstate_func != nullptr ? source->setstate_func(source, state) : 0;
     if (state == NOX_STATE_PLAY || state == NOX_STATE_NULL)
@@ -318,7 +231,7 @@ int32_t nox_basesrc_setstate(NOXPlugin *plugin, int32_t state)
 
 int32_t nox_basesrc_event(NOXPlugin *plugin, NOXEvent *event)
 {
-    NOXBaseSrc *source = source_of(plugin);
+    NOXBaseSrc *source = nox::source_of(plugin);
     if (source->event_func == nullptr)
         return 0;
     const int32_t result = source->event_func(source, event);
@@ -329,7 +242,7 @@ int32_t nox_basesrc_event(NOXPlugin *plugin, NOXEvent *event)
 
 int32_t nox_basesrc_finalize(NOXPlugin *plugin)
 {
-    NOXBaseSrc *source = source_of(plugin);
+    NOXBaseSrc *source = nox::source_of(plugin);
     return source->finalize_func != nullptr ? source->finalize_func(source) : -1;
 }
 
@@ -340,17 +253,17 @@ NOXBuffer *nox_basesrc_buf_create(NOXBaseSrc *source)
 
 uint8_t nox_basesrc_get_dataready(NOXPlugin *plugin)
 {
-    return nox::load_acquire(source_of(plugin)->dataready);
+    return nox::load_acquire(nox::source_of(plugin)->dataready);
 }
 
 uint8_t nox_basesrc_get_eos(NOXPlugin *plugin)
 {
-    return nox::load_acquire(source_of(plugin)->eos);
+    return nox::load_acquire(nox::source_of(plugin)->eos);
 }
 
 uint8_t nox_basesrc_get_stopped(NOXPlugin *plugin)
 {
-    if (!nox::load_relaxed(source_of(plugin)->islive))
+    if (!nox::load_relaxed(nox::source_of(plugin)->islive))
         return nox_basesrc_get_eos(plugin);
     return !nox_basesrc_get_dataready(plugin);
 }

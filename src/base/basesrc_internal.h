@@ -1,12 +1,17 @@
-// What the control side of a base source, its thread, and the sink at the end of
-// that thread's pushes know of each other.
-#ifndef NOX_BASE_BASESRC_THREAD_H
-#define NOX_BASE_BASESRC_THREAD_H
+// What the files of the base source, and the sink at the end of its pushes, share.
+#ifndef NOX_BASE_BASESRC_INTERNAL_H
+#define NOX_BASE_BASESRC_INTERNAL_H
 
 #include "noxbasesrc.h"
 
 namespace nox
 {
+
+// The record behind a plugin that is known to be a source.
+inline NOXBaseSrc *source_of(NOXPlugin *plugin)
+{
+    return reinterpret_cast<NOXBaseSrc *>(plugin);
+}
 
 // Whether the calling thread is the thread of this source.
 bool is_thread_of(const NOXBaseSrc *source);
