@@ -3,7 +3,7 @@
 
 #include "noxbasesink.h"
 
-#include "internal/atomic_field.h"
+#include "base/option.h"
 #include "internal/trace.h"
 #include "noxpipe.h"
 
@@ -17,14 +17,7 @@ NOXBaseSink *sink_of(NOXPlugin *plugin)
     return reinterpret_cast<NOXBaseSink *>(plugin);
 }
 
-// The fields may be read by the pushing thread, hence stored atomically.
-void read_bool(NOXStructure *format, const char *key, uint8_t &field)
-{
-    uint8_t value;
-    if (nox_structure_getvar_bool(format, key, &value) == 0)
-        nox::store_relaxed(field, value);
-}
-
+// Targets that make no sense are left out.
 void read_target(NOXStructure *format, const char *key, int32_t &field)
 {
     int32_t value;
@@ -34,10 +27,10 @@ void read_target(NOXStructure *format, const char *key, int32_t &field)
 
 void read_options(NOXBaseSink *sink, NOXStructure *format)
 {
-    read_bool(format, "verbose", sink->verbose);
-    read_bool(format, "sync", sink->sync);
-    read_bool(format, "clock", sink->clock);
-    read_bool(format, "report", sink->report);
+    nox::read_option(format, "verbose", sink->verbose);
+    nox::read_option(format, "sync", sink->sync);
+    nox::read_option(format, "clock", sink->clock);
+    nox::read_option(format, "report", sink->report);
     uint32_t size = 0;
     void *rate = nox_structure_getvar_void(format, "rateoutvar", &size);
     if (rate != nullptr && size > 0)

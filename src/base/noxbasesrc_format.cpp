@@ -1,7 +1,7 @@
 // The options of the base source: read from the format, and told on the trace.
 
 #include "base/basesrc_internal.h"
-#include "internal/atomic_field.h"
+#include "base/option.h"
 #include "internal/trace.h"
 #include "noxbasesrc.h"
 
@@ -26,33 +26,19 @@ const char *policy_name(int32_t errhandle)
     }
 }
 
-// The fields may be read by the running thread, hence stored atomically.
-void read_uint32(NOXStructure *format, const char *key, uint32_t &field)
-{
-    uint32_t value;
-    if (nox_structure_getvar_uint32(format, key, &value) == 0)
-        nox::store_relaxed(field, value);
-}
-
+// Written as an unsigned value, taken as a signed one.
 void read_signed(NOXStructure *format, const char *key, int32_t &field)
 {
-    uint32_t value;
-    if (nox_structure_getvar_uint32(format, key, &value) == 0)
-        nox::store_relaxed(field, static_cast<int32_t>(value));
-}
-
-void read_bool(NOXStructure *format, const char *key, uint8_t &field)
-{
-    uint8_t value;
-    if (nox_structure_getvar_bool(format, key, &value) == 0)
-        nox::store_relaxed(field, value);
+    uint32_t value = static_cast<uint32_t>(field);
+    nox::read_option(format, key, value);
+    nox::store_relaxed(field, static_cast<int32_t>(value));
 }
 
 void read_options(NOXBaseSrc *source, NOXStructure *format)
 {
-    read_uint32(format, "priority", source->priority);
-    read_uint32(format, "maxframes", source->maxframes);
-    read_bool(format, "islive", source->islive);
+    nox::read_option(format, "priority", source->priority);
+    nox::read_option(format, "maxframes", source->maxframes);
+    nox::read_option(format, "islive", source->islive);
     read_signed(format, "errhandle", source->errhandle);
     read_signed(format, "errcount", source->errcount);
     uint32_t size;
@@ -61,7 +47,7 @@ void read_options(NOXBaseSrc *source, NOXStructure *format)
     uint8_t asyncstart;
     if (nox_structure_getvar_bool(format, "asyncstart", &asyncstart) == 0)
         nox::store_relaxed(source->waitallsrc, uint8_t{asyncstart == 0});
-    read_bool(format, "privatets", source->privatets);
+    nox::read_option(format, "privatets", source->privatets);
 }
 
 void trace_options(const NOXBaseSrc *source)
