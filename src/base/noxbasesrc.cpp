@@ -110,11 +110,12 @@ bool pipe_is_started(const NOXBaseSrc *source)
     return pipe == nullptr || nox::load_acquire(pipe->started);
 }
 
-// Whether the thread is there to be asked, and has not been parked before. On the
-// thread itself there is nothing to wait for: it parks with its next pass.
+// Whether there is a thread that has to be asked, and has not been parked before. A
+// source that produces in a context of its own has none; on the thread itself there
+// is nothing to wait for: it parks with its next pass.
 bool must_be_asked_to_park(const NOXBaseSrc *source)
 {
-    return nox::load_acquire(source->plugin.started) && source->thread != nullptr &&
+    return nox::load_acquire(source->plugin.started) && source->usethread &&
            source->pauseevent != nullptr && !nox::is_thread_of(source) &&
            !(source->held_ && is_parked(source));
 }

@@ -151,6 +151,15 @@ TEST(Pause, OfASourceThatDiesAtAnyPointReturns)
     });
 }
 
+TEST(Pause, OfASourceThatProducesInAContextOfItsOwnReturns)
+{
+    Player player(1);
+    reinterpret_cast<NOXBaseSrc *>(player.source)->usethread = 0;
+    player.to(NOX_STATE_PLAY);
+    player.to(NOX_STATE_PAUSE);
+    player.end();
+}
+
 TEST(Pause, MeasuresNoIntervalAcrossIt)
 {
     Player player(1);
