@@ -27,6 +27,7 @@ function(nox_add_plugin name)
     target_link_libraries(${name} PRIVATE nox_build_options nox::core)
     set_target_properties(${name} PROPERTIES PREFIX "" OUTPUT_NAME nox${name}
         LIBRARY_OUTPUT_DIRECTORY ${NOX_PLUGIN_OUTPUT_DIRECTORY}
+        INSTALL_RPATH "$ORIGIN/.."
         LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/plugin.map)
     target_link_options(${name} PRIVATE
         -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/plugin.map)
