@@ -128,12 +128,12 @@ TEST_F(Sink, NeverSleepsForAWrappedDifferenceWhenTheClockJumps)
     set_option(sink, NOX_TYPE_BOOL, "sync", 1);
     nox_timer_start(pipe->clock);
     nox_timer_settime_absolute(pipe->clock, 1000);
-    for (uint64_t seed = 0; seed < 20; ++seed) {
+    for (int round = 0; round < 20; ++round) {
         // Another thread moves the clock while the sink reads it.
         OSA_Thread *mover = OSA_ThreadCreate(
             "mover", 0, 0,
             [](void *clock) {
-                for (uint64_t time : {5000, 1, 900'000})
+                for (uint64_t time : {uint64_t{5000}, uint64_t{1}, uint64_t{900'000}})
                     nox_timer_settime_absolute(static_cast<NOXTimer *>(clock), time);
                 return 0;
             },

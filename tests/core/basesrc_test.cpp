@@ -36,7 +36,7 @@ protected:
     // Creates whatever `steps` says, one letter each: b a buffer, - none; then none.
     void create_by(const std::string &steps)
     {
-        script("s").create = [this, steps](NOXBaseSrc *) -> NOXBuffer * {
+        script("s").create = [steps](NOXBaseSrc *) -> NOXBuffer * {
             OSA_ThreadSleep(1);
             const uint32_t step = script("s").created++;
             return step < steps.size() && steps[step] == 'b' ? nox_buffer_new(1) : nullptr;
