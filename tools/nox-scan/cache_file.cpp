@@ -22,6 +22,18 @@ namespace fs = std::filesystem;
     throw std::runtime_error("cannot write " + path + ": " + strerrordesc_np(errno));
 }
 
+// That of the file to replace. mkostemp makes files for their owner alone, but a new
+// cache is for everybody.
+mode_t mode_for(const fs::path &target)
+{
+    struct stat old;
+    if (stat(target.c_str(), &old) == 0)
+        return old.st_mode & 07777;
+    const mode_t mask = umask(0);
+    umask(mask);
+    return 0666 & ~mask;
+}
+
 // A file that is removed again unless it was put in place.
 class DraftFile
 {
@@ -54,12 +66,9 @@ public:
         }
     }
 
-    // mkostemp makes files for their owner alone; a cache is for everybody.
     void place(const fs::path &target)
     {
-        const mode_t mask = umask(0);
-        umask(mask);
-        if (fchmod(descriptor_, 0666 & ~mask) != 0 || fsync(descriptor_) != 0)
+        if (fchmod(descriptor_, mode_for(target)) != 0 || fsync(descriptor_) != 0)
             fail(path_);
         if (std::rename(path_.c_str(), target.c_str()) != 0)
             fail(target);
