@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -87,6 +88,16 @@ void silence_output()
     dup2(nowhere, STDERR_FILENO);
 }
 
+// A library that hangs must not outlive a scan that was killed.
+void end_with(pid_t scan)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != scan)
+        _exit(1);
+    std::signal(SIGALRM, SIG_DFL);
+    alarm(static_cast<unsigned>(kTimeLimit.count()) + 1);
+}
+
 [[noreturn]] void run_child(const std::string &path, int answer_to)
 {
     const rlimit no_core{0, 0};
@@ -157,6 +168,7 @@ Probe probe_library(const std::string &path)
     if (pipe2(ends, O_CLOEXEC) != 0)
         return {"", std::string("no pipe to a child process: ") + strerrordesc_np(errno)};
     std::fflush(nullptr); // or the child would inherit what is buffered
+    const pid_t scan = getpid();
     const pid_t child = fork();
     if (child < 0) {
         const int error = errno;
@@ -164,8 +176,10 @@ Probe probe_library(const std::string &path)
         close(ends[1]);
         return {"", std::string("no child process: ") + strerrordesc_np(error)};
     }
-    if (child == 0)
+    if (child == 0) {
+        end_with(scan);
         run_child(path, ends[1]);
+    }
     close(ends[1]);
     std::string answer;
     const bool in_time = read_answer(ends[0], answer);
