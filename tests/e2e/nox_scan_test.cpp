@@ -1,7 +1,13 @@
 // nox-scan: what it finds, what it leaves out and why, and how it writes.
 
+#include <csignal>
+#include <cstdlib>
+
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "process.h"
 
@@ -34,6 +40,10 @@ TEST(NoxScan, WhatIsLeftOutIsNamedWithTheReason)
     write_file(folder / "text.so", "no library at all\n");
     ASSERT_EQ(mkfifo((folder / "pipe.so").c_str(), 0600), 0);
     write_file(folder / "notes.txt", "not looked at\n");
+    write_file(folder / "nox.source.so", "looked at, with a second dot and all\n");
+    fs::create_symlink("loop.so", folder / "loop.so");
+    fs::create_symlink("nowhere.so", folder / "dangling.so");
+    fs::create_symlink("first.so", folder / "first.so.1");
     write_file(folder / (std::string(120, 'p') + ".so"), plugin);
 
     const Result result = run({NOX_SCAN, folder / "", "-o", folder / "cache"});
@@ -51,6 +61,9 @@ TEST(NoxScan, WhatIsLeftOutIsNamedWithTheReason)
         {"cut.so", "truncated"},
         {"text.so", "not loaded: not an ELF file"},
         {"pipe.so", "no regular file"},
+        {"nox.source.so", "not an ELF file"},
+        {"/loop.so", "Too many levels of symbolic links"},
+        {"dangling.so", "No such file"},
     };
     for (const auto &[library, reason] : reasons) {
         const size_t line = result.err.find(library + ": ");
@@ -59,6 +72,28 @@ TEST(NoxScan, WhatIsLeftOutIsNamedWithTheReason)
         EXPECT_NE(rest.find(reason), std::string::npos) << rest;
     }
     EXPECT_EQ(result.err.find("notes.txt"), std::string::npos);
+    EXPECT_EQ(result.err.find("first.so.1: "), std::string::npos) << "a link to what was found";
+}
+
+TEST(NoxScan, AHangingLibraryDoesNotOutliveAScanThatIsKilled)
+{
+    const TemporaryFolder folder;
+    fs::copy(std::string(UNFIT_FOLDER) + "/exits.so", folder / "hangs.so");
+    const std::string fifo = folder / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int library = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    setenv("UNFIT_HANGS_WRITING_TO", fifo.c_str(), 1);
+    run({NOX_SCAN, folder / "", "-o", folder / "cache"}, [&](pid_t scan, const ErrorsSoFar &) {
+        pollfd alive = {library, POLLIN, 0};
+        EXPECT_EQ(poll(&alive, 1, 20000), 1);
+        char sign;
+        EXPECT_EQ(read(library, &sign, 1), 1);
+        kill(scan, SIGKILL);
+        EXPECT_EQ(poll(&alive, 1, 5000), 1) << "the child holds the pipe still";
+        EXPECT_EQ(alive.revents, POLLHUP);
+    });
+    unsetenv("UNFIT_HANGS_WRITING_TO");
+    close(library);
 }
 
 TEST(NoxScan, TheOldCacheStaysWhenTheNewOneCannotBeWritten)
@@ -72,6 +107,13 @@ TEST(NoxScan, TheOldCacheStaysWhenTheNewOneCannotBeWritten)
     EXPECT_EQ(run({NOX_SCAN, PLUGIN_FOLDER, "-o", "/dev/null"}).code, 1);
     EXPECT_TRUE(fs::is_character_file("/dev/null"));
     EXPECT_EQ(run({NOX_SCAN, folder / "nowhere", "-o", cache}).code, 2);
+    ASSERT_EQ(chmod(cache.c_str(), 0640), 0);
     EXPECT_EQ(run({NOX_SCAN, PLUGIN_FOLDER, "-o", cache}).code, 0);
+    EXPECT_EQ(fs::status(cache).permissions(), fs::perms(0640)) << "the mode of the old one";
+    const Result silent = run(
+        {"/bin/sh", "-c", "exec \"$@\" >/dev/full", "sh", NOX_SCAN, PLUGIN_FOLDER, "-o", cache});
+    EXPECT_EQ(silent.code, 1);
+    EXPECT_NE(silent.err.find("standard output cannot be: No space"), std::string::npos)
+        << silent.err;
     EXPECT_EQ(std::distance(fs::directory_iterator(folder / ""), {}), 1) << "a draft was left";
 }
