@@ -8,11 +8,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <fcntl.h>
 #include <link.h>
+#include <sys/stat.h>
 #include <unistd.h>
-
-#include "osa/common/file_io.h"
-#include "osa/osa.h"
 
 namespace osa
 {
@@ -63,10 +62,14 @@ const char *machine_name(unsigned machine)
 class File
 {
 public:
-    explicit File(const char *path) : m_descriptor(file_open(path, OSA_FILE_READ))
+    // Without blocking: a pipe would hold the caller until somebody writes to it.
+    explicit File(const char *path) : m_descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK))
     {
-        const off_t end = m_descriptor >= 0 ? lseek(m_descriptor, 0, SEEK_END) : 0;
-        m_size = end > 0 ? static_cast<uint64_t>(end) : 0;
+        struct stat status;
+        if (m_descriptor < 0 || fstat(m_descriptor, &status) != 0)
+            return;
+        m_is_regular = S_ISREG(status.st_mode);
+        m_size = m_is_regular ? static_cast<uint64_t>(status.st_size) : 0;
     }
     ~File()
     {
@@ -79,6 +82,10 @@ public:
     bool is_open() const
     {
         return m_descriptor >= 0;
+    }
+    bool is_regular() const
+    {
+        return m_is_regular;
     }
     bool holds(uint64_t offset, uint64_t length) const
     {
@@ -93,6 +100,7 @@ public:
 
 private:
     int m_descriptor;
+    bool m_is_regular = false;
     uint64_t m_size = 0;
 };
 
@@ -145,6 +153,10 @@ bool elf_check(const char *path, char *reason, size_t size)
     const File file(path);
     if (!file.is_open()) {
         std::snprintf(reason, size, "%s", std::strerror(errno));
+        return false;
+    }
+    if (!file.is_regular()) {
+        std::snprintf(reason, size, "not a regular file");
         return false;
     }
     Header header;

@@ -2,9 +2,10 @@
 
 #include "osa/common/export.h"
 
+#include <climits>
+#include <cstdio>
 #include <cstring>
 #include <new>
-#include <string>
 
 #include <dlfcn.h>
 
@@ -19,16 +20,28 @@ struct OSA_Library {
 namespace
 {
 
+// A name without a slash would be searched for in the system's folders.
+// False when the path is too long.
+bool name_in_place(const char *path, char *name, size_t size)
+{
+    const char *folder = std::strchr(path, '/') == nullptr ? "./" : "";
+    const int length = std::snprintf(name, size, "%s%s", folder, path);
+    return length >= 0 && static_cast<size_t>(length) < size;
+}
+
 void *open_library(const char *path)
 {
+    char name[PATH_MAX];
+    if (!name_in_place(path, name, sizeof(name))) {
+        OSA_REPORT(OSA_TRACE_ERROR, "library %s not loaded: its path is too long\n", path);
+        return nullptr;
+    }
     char reason[160];
     if (!osa::elf_check(path, reason, sizeof(reason))) {
         OSA_REPORT(OSA_TRACE_ERROR, "library %s not loaded: %s\n", path, reason);
         return nullptr;
     }
-    // A name without a slash would be searched for in the system's folders.
-    const bool bare = std::strchr(path, '/') == nullptr;
-    void *handle = dlopen(bare ? ("./" + std::string(path)).c_str() : path, RTLD_NOW | RTLD_LOCAL);
+    void *handle = dlopen(name, RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr)
         OSA_REPORT(OSA_TRACE_ERROR, "library %s not loaded: %s\n", path, dlerror());
     return handle;

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include <link.h>
+#include <sys/stat.h>
 
 #include "fixture.h"
 
@@ -77,6 +78,11 @@ TEST_F(Libraries, WhatIsWrongIsSaidInPlainWords)
     Traces traces;
     EXPECT_EQ(OSA_LibraryLoad("libc.so.6"), nullptr) << "a bare name is not searched for";
     EXPECT_TRUE(traces.has("No such file")) << traces.text();
+    const std::string pipe = write_file("pipe", "");
+    ASSERT_TRUE(unlink(pipe.c_str()) == 0 && mkfifo(pipe.c_str(), 0600) == 0);
+    EXPECT_EQ(OSA_LibraryLoad(pipe.c_str()), nullptr) << "and nobody waits for a writer";
+    EXPECT_EQ(OSA_LibraryLoad(std::string(5000, 'x').c_str()), nullptr);
+    EXPECT_TRUE(traces.has("not a regular file") && traces.has("too long")) << traces.text();
 }
 
 TEST_F(Libraries, ATruncatedOneIsRefusedAtEveryLength)
