@@ -25,6 +25,10 @@ namespace osa
 namespace
 {
 
+// A block's header and a pool's red zones come on top of any 32-bit size, and a
+// sum that wrapped would hand out a block far too small.
+static_assert(sizeof(size_t) == 8);
+
 constexpr uint32_t kLargeBlock = 64 << 10;     // bytes
 constexpr uint64_t kKeptBytesLimit = 64 << 20; // of all kept blocks
 constexpr uint32_t kKeptBlocksLimit = 16;

@@ -12,8 +12,8 @@
 namespace osa
 {
 
-// Zero is the pool: a block of the list-node pool that its user took directly
-// may be released as a node.
+// Where a node was taken from. One that OSA_SMalloc handed out is none: it is
+// counted as a block and goes back by OSA_SFree.
 enum class Origin : uint32_t { pool, heap };
 
 // `Node` has a field `origin` and is served by the pool of `pool_size`, whose
