@@ -1,5 +1,7 @@
 /* endless: a live source that never ends by itself and does not know the wish to
- * end. Its silence can be announced as another format (option "format"). */
+ * end. Its silence can be announced as another format (option "format"). Options
+ * "dry", the buffers after which it captures nothing more, and "stays", it refuses
+ * to go to NULL. */
 
 #include <stddef.h>
 
@@ -9,12 +11,17 @@
 typedef struct Endless {
     NOXBaseSrc base;
     char format[16];
+    uint32_t dry;
+    uint32_t created;
+    uint8_t stays;
 } Endless;
 
 static NOXBuffer *endless_create(NOXBaseSrc *source)
 {
-    (void)source;
+    Endless *self = (Endless *)source;
     OSA_ThreadSleep(1);
+    if (self->dry > 0 && self->created++ >= self->dry)
+        return NULL;
     return nox_buffer_new(160);
 }
 
@@ -23,15 +30,25 @@ static int32_t endless_setformat(NOXBaseSrc *source, NOXStructure *format)
     const char *name = nox_structure_getvar_string(format, "format");
     if (name != NULL)
         OSA_snprintf(((Endless *)source)->format, sizeof((Endless *)source)->format, "%s", name);
+    nox_structure_getvar_uint32(format, "dry", &((Endless *)source)->dry);
+    nox_structure_getvar_bool(format, "stays", &((Endless *)source)->stays);
     return 0;
+}
+
+static int32_t endless_setstate(NOXBaseSrc *source, int32_t state)
+{
+    return state == NOX_STATE_NULL && ((Endless *)source)->stays ? -1 : 0;
 }
 
 static int32_t endless_getformat(NOXBaseSrc *source, NOXStructure *format)
 {
-    const char *name = ((Endless *)source)->format;
+    const Endless *self = (const Endless *)source;
+    const char *name = self->format;
     const uint32_t rate = 8000;
     const uint32_t channels = 1;
     nox_structure_putvar_string(format, "format", 0, &name);
+    nox_structure_putvar_uint32(format, "dry", 0, &self->dry);
+    nox_structure_putvar_bool(format, "stays", 0, &self->stays);
     nox_structure_putvar_string(format, "stream.format", 0, &name);
     nox_structure_putvar_uint32(format, "stream.rate", 0, &rate);
     return nox_structure_putvar_uint32(format, "stream.channels", 0, &channels);
@@ -51,6 +68,7 @@ static int32_t endless_init(NOXPlugin *plugin)
     OSA_snprintf(self->format, sizeof self->format, "s16le");
     self->base.create_func = endless_create;
     self->base.setformat_func = endless_setformat;
+    self->base.setstate_func = endless_setstate;
     self->base.getformat_func = endless_getformat;
     self->base.finalize_func = endless_finalize;
     return 0;

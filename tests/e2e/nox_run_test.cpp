@@ -102,32 +102,41 @@ TEST_F(NoxRun, ALoopPlaysTheFileSeveralTimesWithoutAGap)
     EXPECT_EQ(read_wav(path("thrice.wav")).samples, expected);
 }
 
-TEST_F(NoxRun, ASignalEndsTheStreamAndLeavesAWholeFile)
+TEST_F(NoxRun, ASignalThatIsNotIgnoredEndsTheStreamAndLeavesAWholeFile)
 {
     const Result result =
-        play("wavsrc location=@in.wav loop=4000 ! wavsink location=@cut.wav sync=true",
-             [](pid_t process, const ErrorsSoFar &) {
-                 EXPECT_TRUE(wait_until([] { return read_file(path("cut.wav")).size() > 20000; }));
-                 kill(process, SIGINT);
-             });
+        run({"/usr/bin/nohup", NOX_RUN, "--cache", path("cache"),
+             with_paths("wavsrc location=@in.wav loop=4000 ! wavsink location=@cut.wav sync=true")},
+            [](pid_t process, const ErrorsSoFar &errors) {
+                const auto grows_to = [](size_t size) {
+                    return wait_until([=] { return read_file(path("cut.wav")).size() > size; });
+                };
+                EXPECT_TRUE(grows_to(20000));
+                kill(process, SIGHUP);
+                EXPECT_TRUE(grows_to(60000));
+                EXPECT_EQ(errors().find("ending the stream"), std::string::npos);
+                kill(process, SIGINT);
+            });
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_NE(result.err.find("ending the stream"), std::string::npos);
     expect_whole("cut.wav");
 }
 
-TEST_F(NoxRun, ASecondSignalStopsByForceWhatDoesNotEnd)
+TEST_F(NoxRun, OnlyTheSecondSignalStopsByForceWhatDoesNotEnd)
 {
-    const Result result = play(
-        "endless ! wavsink location=@endless.wav", [](pid_t process, const ErrorsSoFar &errors) {
-            const auto says = [&](const char *text) {
-                return wait_until([&] { return errors().find(text) != std::string::npos; });
-            };
-            EXPECT_TRUE(says("Successfully started"));
-            EXPECT_TRUE(wait_until([] { return read_file(path("endless.wav")).size() > 99; }));
-            kill(process, SIGTERM);
-            EXPECT_TRUE(says("ending the stream"));
-            kill(process, SIGINT);
-        });
+    const Result result =
+        run({NOX_RUN, "--cache", path("cache"), "--time-limit", "1",
+             with_paths("endless dry=50 errhandle=4294967295 ! wavsink location=@endless.wav")},
+            [](pid_t process, const ErrorsSoFar &errors) {
+                const auto says = [&](const char *text) {
+                    return wait_until([&] { return errors().find(text) != std::string::npos; });
+                };
+                EXPECT_TRUE(says("Successfully started"));
+                EXPECT_TRUE(says("the time limit has passed"));
+                kill(process, SIGTERM);
+                EXPECT_TRUE(says("once more stops by force"));
+                kill(process, SIGINT);
+            });
     EXPECT_EQ(result.code, 130) << result.err;
     EXPECT_NE(result.err.find("stopped by force"), std::string::npos);
     EXPECT_EQ(result.err.find("still alive"), std::string::npos) << result.err;
@@ -236,10 +245,13 @@ TEST_F(NoxRun, UsageAndCacheErrorsHaveTheirOwnCodes)
 
 TEST_F(NoxRun, ATimeLimitEndsTheStreamLikeASignal)
 {
-    const Result result = run(
-        {NOX_RUN, "--cache", path("cache"), "-q", "--time-limit", "1",
-         with_paths("wavsrc location=@in.wav loop=4000 ! wavsink location=@limit.wav sync=on")});
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.err, "");
-    expect_whole("limit.wav");
+    // The second does not know the wish to end.
+    for (const char *source : {"wavsrc location=@in.wav loop=4000", "endless"}) {
+        const Result result = run({NOX_RUN, "--cache", path("cache"), "-q", "--time-limit", "1",
+                                   with_paths(std::string(source) + " ! wavsink sync=on "
+                                                                    "location=@limit.wav")});
+        EXPECT_EQ(result.code, 0);
+        EXPECT_EQ(result.err, "");
+        expect_whole("limit.wav");
+    }
 }

@@ -2,19 +2,15 @@
 // comes. All changes of state are made here.
 //
 // End of stream on request: a source ends on its own thread, where alone it may push
-// the event beside its buffers. So each source is asked to, with NOX_EVENT_EOS; one
-// that does not know the event is stopped by force a little later.
+// the event beside its buffers. So each source is asked to, with NOX_EVENT_EOS. One
+// that does not know the event gets a limit of frames a little later, with which its
+// next buffer is the last. Only what ends by neither is stopped by force.
 
 #include "player.h"
 
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <system_error>
 
 #include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include "noxbasesrc.h"
 #include "plugins/plugin_messages.h"
@@ -26,6 +22,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr seconds kPatience{5};
+constexpr milliseconds kEventPatience{500};
 constexpr milliseconds kProgressInterval{200};
 
 // Posted by finish() behind all other messages; no plugin's code.
@@ -74,45 +71,7 @@ std::string without_line_feed(std::string text)
     return text;
 }
 
-sigset_t ending_signals()
-{
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&set, signal);
-    return set;
-}
-
-int open_signals()
-{
-    const sigset_t set = ending_signals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    const int descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (descriptor < 0)
-        throw std::system_error(errno, std::generic_category(), "signalfd");
-    return descriptor;
-}
-
 } // namespace
-
-Signals::Signals() : descriptor_(open_signals()) {}
-
-Signals::~Signals()
-{
-    close(descriptor_);
-}
-
-bool Signals::take()
-{
-    signalfd_siginfo information;
-    return read(descriptor_, &information, sizeof information) == sizeof information;
-}
-
-void Signals::let_kill()
-{
-    const sigset_t set = ending_signals();
-    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-}
 
 Player::Player(Console &console, Signals &signals, NOXPipe *pipe,
                const std::vector<GraphElement> &elements, seconds time_limit)
@@ -172,7 +131,7 @@ int Player::poll_timeout() const
 
 void Player::handle_signal()
 {
-    if (!force_at_)
+    if (++signal_count_ == 1)
         return end_stream("ending the stream; once more stops by force");
     console_.error("stopped by force");
     signals_.let_kill();
@@ -182,12 +141,30 @@ void Player::handle_signal()
 void Player::end_stream(const std::string &reason)
 {
     console_.note(reason);
+    if (force_at_) // it is ending already
+        return;
     end_at_.reset();
+    limit_at_ = Clock::now() + kEventPatience;
     force_at_ = Clock::now() + kPatience;
     NOXEvent event = {nullptr, NOX_EVENT_EOS};
     for (const GraphElement &element : elements_)
         if (element.plugin->issrc != 0)
             nox_plugin_setevent(element.plugin, &event);
+}
+
+// The base source looks at the limit after each buffer, and counts from 0 when
+// there was none before.
+void Player::limit_frames()
+{
+    limit_at_.reset();
+    const StructurePointer format(nox_structure_new("options"));
+    const uint32_t one = 1;
+    if (format == nullptr || nox_structure_putvar_uint32(format.get(), "maxframes", 0, &one) != 0)
+        return;
+    limited_ = true;
+    for (const GraphElement &element : elements_)
+        if (element.plugin->issrc != 0 && !nox_basesrc_get_eos(element.plugin))
+            nox_plugin_setformat(element.plugin, format.get());
 }
 
 void Player::check_time()
@@ -196,6 +173,8 @@ void Player::check_time()
         return;
     if (end_at_ && Clock::now() >= *end_at_)
         end_stream("the time limit has passed; ending the stream");
+    if (limit_at_ && Clock::now() >= *limit_at_)
+        limit_frames();
     if (force_at_ && Clock::now() >= *force_at_) {
         console_.error("the stream did not end; stopped by force");
         outcome_ = Outcome::forced;
@@ -234,6 +213,9 @@ void Player::handle(const Message &message)
 
 bool Player::is_failure(const Message &message) const
 {
+    // A source that heard the event, but is held up, may refuse options while it plays.
+    if (limited_ && message.code == PLUGIN_MSG_OPTION)
+        return false;
     const bool plugin_error =
         message.code >= PLUGIN_MSG_FIRST_ERROR && message.code <= PLUGIN_MSG_LAST_ERROR;
     if (plugin_error || message.code == NOX_MSG_PUSH_ERROR || message.code == NOX_MSG_BUS_CRITICAL)

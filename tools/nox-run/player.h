@@ -10,29 +10,9 @@
 #include "console.h"
 #include "graph.h"
 #include "mailbox.h"
+#include "signals.h"
 
 enum class Outcome { done, failed, forced };
-
-// SIGINT, SIGTERM and SIGHUP as a descriptor. They are blocked from its making on,
-// so it is made before any thread is.
-class Signals
-{
-public:
-    Signals();
-    ~Signals();
-    Signals(const Signals &) = delete;
-    Signals &operator=(const Signals &) = delete;
-
-    int descriptor() const
-    {
-        return descriptor_;
-    }
-    bool take();     // whether one had come
-    void let_kill(); // from now on a signal ends the process at once
-
-private:
-    const int descriptor_;
-};
 
 class Player
 {
@@ -56,6 +36,7 @@ private:
     int poll_timeout() const;
     void handle_signal();
     void end_stream(const std::string &reason);
+    void limit_frames();
     void check_time();
     void take_messages();
     void handle(const Message &message);
@@ -69,7 +50,10 @@ private:
     Mailbox mailbox_;
     std::optional<Outcome> outcome_;
     std::optional<Clock::time_point> end_at_;   // when end of stream is to be asked for
+    std::optional<Clock::time_point> limit_at_; // it was asked for: when to limit the frames
     std::optional<Clock::time_point> force_at_; // it was asked for: when to give up waiting
+    int signal_count_ = 0;
+    bool limited_ = false;
     bool failed_ = false;
     bool marker_seen_ = false;
 };
