@@ -95,6 +95,22 @@ bool lock_for_reading(int descriptor)
     return flock(descriptor, LOCK_SH | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
+// libsndfile plays what is there, also when that is not what the header says.
+bool holds_what_it_says(void *plugin, const char *location, int descriptor, const SF_INFO &info)
+{
+    const SampleBytes bytes = compare_with_header(descriptor);
+    if (bytes.missing > 0)
+        report(plugin, PLUGIN_MSG_FORMAT, "%s is truncated: %llu bytes of its samples are missing",
+               location, static_cast<unsigned long long>(bytes.missing));
+    const bool unfinished = bytes.unannounced > 0 && info.frames == 0;
+    if (unfinished)
+        report(plugin, PLUGIN_MSG_FORMAT,
+               "%s says that it holds no samples, but %llu bytes follow: its recorder was not "
+               "ended properly",
+               location, static_cast<unsigned long long>(bytes.unannounced));
+    return bytes.missing == 0 && !unfinished;
+}
+
 int32_t open_recording(void *plugin, const char *location, Recording &recording)
 {
     recording.descriptor = Descriptor(open(location, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -114,10 +130,8 @@ int32_t open_recording(void *plugin, const char *location, Recording &recording)
                       sf_strerror(nullptr));
     if (!is_pcm_wav(info.format))
         return report_unsupported(plugin, location, info.format);
-    if (const uint64_t missing = missing_bytes(descriptor); missing > 0)
-        return report(plugin, PLUGIN_MSG_FORMAT,
-                      "%s is truncated: %llu bytes of its samples are missing", location,
-                      static_cast<unsigned long long>(missing));
+    if (!holds_what_it_says(plugin, location, descriptor, info))
+        return -1;
 
     recording.stream = {static_cast<uint32_t>(info.samplerate),
                         static_cast<uint32_t>(info.channels)};

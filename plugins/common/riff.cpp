@@ -1,4 +1,7 @@
 // Compares the size of a WAV file with the size that its header promises.
+//
+// RIFF files give sizes of 32 bits. In an RF64 file these are all ones, and the chunk
+// "ds64" before the others has the true ones.
 
 #include "common/riff.h"
 
@@ -13,33 +16,74 @@ namespace noxplugins
 namespace
 {
 
-constexpr uint32_t kSizeLeftOpen = 0xFFFFFFFF;
-constexpr off_t kRiffHeaderSize = 12; // "RIFF", size, "WAVE"
-
 struct ChunkHeader {
     char id[4];
     uint32_t size; // bytes that follow, without the pad byte after an odd size
+
+    bool is(const char *name) const
+    {
+        return std::memcmp(id, name, sizeof id) == 0;
+    }
 };
+
+struct LongSizes {
+    uint64_t riff;
+    uint64_t data;
+};
+
+constexpr uint64_t kRiffHeaderSize = sizeof(ChunkHeader) + 4; // with "WAVE"
+constexpr uint32_t kAllOnes = 0xFFFFFFFF;
+
+// A recorder that cannot seek writes the largest size it dares: the end of the signed
+// or of the unsigned range, or that less some room for headers.
+bool is_left_open(uint64_t size)
+{
+    return (size >= 0x7FFF0000 && size <= 0x80000000) || (size >= 0xFFFF0000 && size <= kAllOnes) ||
+           size > INT64_MAX;
+}
+
+template <typename Record>
+bool read_at(int descriptor, uint64_t position, Record &record)
+{
+    return pread(descriptor, &record, sizeof record, static_cast<off_t>(position)) == sizeof record;
+}
+
+// `riff_end` is where the file ends by its own account. Where that is the true end,
+// what follows an empty data chunk is other chunks, else samples that came after the
+// header was written. A last pad byte is often left away.
+SampleBytes compare(uint64_t promised, uint64_t begin, uint64_t riff_end, uint64_t file_size)
+{
+    const uint64_t there = file_size - begin;
+    const bool chunks_follow = riff_end > begin && riff_end <= file_size + 1;
+    if (promised == 0)
+        return {0, chunks_follow ? 0 : there};
+    return {promised <= there || is_left_open(promised) ? 0 : promised - there, 0};
+}
 
 } // namespace
 
-uint64_t missing_bytes(int descriptor)
+SampleBytes compare_with_header(int descriptor)
 {
     struct stat status;
-    if (fstat(descriptor, &status) != 0)
-        return 0;
-    off_t position = kRiffHeaderSize;
     ChunkHeader chunk;
-    while (pread(descriptor, &chunk, sizeof chunk, position) == sizeof chunk) {
-        position += static_cast<off_t>(sizeof chunk);
-        const off_t end = position + chunk.size;
-        if (std::memcmp(chunk.id, "data", sizeof chunk.id) == 0) {
-            const bool whole = chunk.size == kSizeLeftOpen || end <= status.st_size;
-            return whole ? 0 : static_cast<uint64_t>(end - status.st_size);
+    if (fstat(descriptor, &status) != 0 || !read_at(descriptor, 0, chunk))
+        return {};
+    const bool is_long = chunk.is("RF64");
+    LongSizes sizes{kAllOnes, kAllOnes};
+    uint64_t riff_size = chunk.size;
+    uint64_t position = kRiffHeaderSize;
+    while (read_at(descriptor, position, chunk)) {
+        position += sizeof chunk;
+        if (is_long && chunk.is("ds64") && read_at(descriptor, position, sizes))
+            riff_size = sizes.riff;
+        if (chunk.is("data")) {
+            const uint64_t promised = is_long && chunk.size == kAllOnes ? sizes.data : chunk.size;
+            return compare(promised, position, riff_size + sizeof chunk,
+                           static_cast<uint64_t>(status.st_size));
         }
-        position = end + (chunk.size & 1);
+        position += chunk.size + uint64_t{chunk.size & 1};
     }
-    return 0;
+    return {};
 }
 
 } // namespace noxplugins

@@ -7,10 +7,16 @@
 namespace noxplugins
 {
 
-// Bytes by which the file behind `descriptor` falls short of the size that the
-// header gives its data chunk; 0 when it is whole, or when the header leaves the
-// size open, as recorders that cannot seek do. The file offset stays as it is.
-uint64_t missing_bytes(int descriptor);
+// How a file differs from what its header says of the samples; both 0 for a file that
+// is whole, and for one whose header leaves the size open, as recorders that cannot
+// seek do.
+struct SampleBytes {
+    uint64_t missing;     // promised, but not there
+    uint64_t unannounced; // there, in a file that promises none: its recorder was killed
+};
+
+// Looks at the file behind `descriptor`, whose offset stays as it is.
+SampleBytes compare_with_header(int descriptor);
 
 } // namespace noxplugins
 

@@ -1,6 +1,8 @@
 // wavsrc through the public interface: the times on its buffers.
 
+#include <cstring>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -57,7 +59,61 @@ RecordingSink *new_recording_sink(std::vector<Times> *times)
     return sink;
 }
 
+struct Header {
+    const char *says;
+    int container;
+    std::vector<std::pair<size_t, uint32_t>> fields; // offset and new value
+    uint64_t duration;                               // ms; kRefused for none
+};
+
+constexpr uint64_t kRefused = UINT64_MAX;
+
+// Of a file with these fields in its header and half of its second of samples.
+uint64_t duration_of_cut_file(const Header &header, const std::string &path)
+{
+    write_wav(path, sweep(8000, 1, 8000), header.container | SF_FORMAT_PCM_16);
+    std::string file = read_file(path);
+    file.resize(file.size() - 8000);
+    for (const auto &[offset, value] : header.fields)
+        std::memcpy(file.data() + offset, &value, sizeof value);
+    write_file(path, file);
+    NOXPlugin *source = nox_plugin_new("wavsrc", "source");
+    NOXStructure *format = nox_structure_new("options");
+    nox_structure_putvar1(NOX_TYPE_STRING, format, "location", 0, path.c_str());
+    uint64_t duration = kRefused;
+    if (nox_plugin_setformat(source, format) == 0 && nox_plugin_getformat(source, format) == 0)
+        nox_structure_getvar_uint64(format, "stream.duration", &duration);
+    nox_object_delete(format);
+    nox_object_delete(source);
+    return duration;
+}
+
 } // namespace
+
+TEST(WavSource, AFileThatIsShorterThanItsHeaderSaysIsPlayedOnlyIfThatLeavesTheSizeOpen)
+{
+    const TemporaryFolder folder;
+    OSA_TraceSetLevel(0);
+    write_file(folder / "cache", std::string("wavsrc@") + PLUGIN_FOLDER + "/noxwavsrc.so\n");
+    ASSERT_EQ(nox_init((folder / "cache").c_str()), 0);
+    const Header headers[] = {
+        {"the size of all samples", SF_FORMAT_WAV, {}, kRefused},
+        {"half of the samples", SF_FORMAT_WAV, {{40, 8000}}, 500},
+        {"more than 2 GiB", SF_FORMAT_WAV, {{40, 0x90000000}}, kRefused},
+        {"all ones", SF_FORMAT_WAV, {{40, 0xFFFFFFFF}}, 500},
+        {"the end of the signed range", SF_FORMAT_WAV, {{40, 0x80000000}}, 500},
+        {"a little less", SF_FORMAT_WAV, {{40, 0x7FFFF000}}, 500},
+        {"nothing, not even chunks", SF_FORMAT_WAV, {{4, 8}, {40, 0}}, 500},
+        {"no samples and an end before them", SF_FORMAT_WAV, {{4, 36}, {40, 0}}, kRefused},
+        {"no samples and any end", SF_FORMAT_WAV, {{4, 0xFFFFFFFF}, {40, 0}}, kRefused},
+        {"no samples, but chunks behind", SF_FORMAT_WAV, {{4, 8036}, {40, 0}}, 0},
+        {"the size of all samples in ds64", SF_FORMAT_RF64, {}, kRefused},
+        {"half of the samples in ds64", SF_FORMAT_RF64, {{28, 8000}}, 500},
+    };
+    for (const Header &header : headers)
+        EXPECT_EQ(duration_of_cut_file(header, folder / "cut.wav"), header.duration) << header.says;
+    nox_deinit();
+}
 
 TEST(WavSource, TimesAreExactAtEveryRateAndTheSourcePlaysAgainAfterAStop)
 {
