@@ -1,8 +1,9 @@
 // Events: they latch, and each send releases one waiter.
 //
-// A send that finds a waiter not yet released releases it, even though that
-// thread has yet to run; any other send latches, for the next thread to come.
-// So two sends release two waiters, however late these wake up.
+// A send that finds a waiter not yet released releases the oldest such one, even
+// though that thread has yet to run; any other send latches, for the next thread
+// to come. So two sends release two waiters, however late these wake up, and no
+// thread that comes after a send takes what released another.
 
 #include "osa/common/export.h"
 
@@ -12,11 +13,22 @@
 #include "osa/posix/report.h"
 #include "osa/posix/thread_state.h"
 
+namespace
+{
+
+// On the stack of the thread that waits.
+struct Waiter {
+    Waiter *next = nullptr;
+    bool released = false;
+};
+
+} // namespace
+
 struct OSA_Event {
     osa::Monitor monitor;
     bool latched = false;
-    uint32_t waiting = 0;  // threads inside wait
-    uint32_t released = 0; // of these, how many may leave; never more than `waiting`
+    uint32_t waiting = 0;     // threads inside wait, released ones among them
+    Waiter *oldest = nullptr; // of those not released, in the order they came
 };
 
 namespace
@@ -27,6 +39,22 @@ bool take_latched(OSA_Event &event)
     const bool was_latched = event.latched;
     event.latched = false;
     return was_latched;
+}
+
+void append(OSA_Event &event, Waiter &waiter)
+{
+    Waiter **place = &event.oldest;
+    while (*place != nullptr)
+        place = &(*place)->next;
+    *place = &waiter;
+}
+
+void remove(OSA_Event &event, const Waiter &waiter)
+{
+    Waiter **place = &event.oldest;
+    while (*place != &waiter)
+        place = &(*place)->next;
+    *place = waiter.next;
 }
 
 bool is_waited_for(OSA_Event &event)
@@ -66,12 +94,13 @@ int32_t OSA_EventSend(OSA_Event *event)
     if (event == nullptr)
         return -1;
     const osa::Monitor::Lock lock(event->monitor);
-    if (event->released == event->waiting) {
+    if (event->oldest == nullptr) {
         event->latched = true;
         return 0;
     }
-    ++event->released;
-    event->monitor.signal();
+    event->oldest->released = true;
+    event->oldest = event->oldest->next;
+    event->monitor.signal_all();
     return 0;
 }
 
@@ -84,13 +113,14 @@ int32_t OSA_EventWait(OSA_Event *event, uint32_t timeout_ms)
         return 0;
     if (timeout_ms == 0)
         return -1;
+    Waiter self;
+    append(*event, self);
     ++event->waiting;
-    const bool sent = event->monitor.wait(timeout_ms, [&] { return event->released > 0; });
+    const bool sent = event->monitor.wait(timeout_ms, [&] { return self.released; });
     --event->waiting;
     if (!sent)
-        return -1;
-    --event->released;
-    return 0;
+        remove(*event, self);
+    return sent ? 0 : -1;
 }
 
 } // extern "C"

@@ -67,6 +67,12 @@ public:
         pthread_cond_signal(&m_condition);
     }
 
+    // Under the lock: lets every waiter look again.
+    void signal_all()
+    {
+        pthread_cond_broadcast(&m_condition);
+    }
+
     // Under the lock: waits until ready() or the time-out; what ready() says then.
     template <typename Ready>
     bool wait(uint32_t timeout_ms, Ready ready)

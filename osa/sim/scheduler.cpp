@@ -86,9 +86,7 @@ void Scheduler::advance(uint64_t duration_ms)
 
 bool Scheduler::may_run(const OSA_Thread &thread) const
 {
-    if (!thread.is_waiting || thread.wait.deadline <= now_)
-        return true;
-    return thread.wait.object != nullptr && thread.wait.object->ready();
+    return !thread.is_waiting || thread.wait.deadline <= now_ || thread.wait.is_met();
 }
 
 void Scheduler::collect_runnable(const OSA_Thread *but)
@@ -115,7 +113,7 @@ void Scheduler::point()
 bool Scheduler::wait(const Wait &wait)
 {
     OSA_Thread &self = *running_;
-    if (wait.object != nullptr && wait.object->ready())
+    if (wait.is_met())
         return true;
     if (wait.object != nullptr && wait.deadline <= now_)
         return false;
@@ -123,7 +121,7 @@ bool Scheduler::wait(const Wait &wait)
     self.is_waiting = true;
     switch_to(*next_runnable());
     self.is_waiting = false;
-    return wait.object != nullptr && wait.object->ready();
+    return wait.is_met();
 }
 
 void Scheduler::finish()

@@ -41,6 +41,13 @@ struct Wait {
     uint64_t deadline = no_deadline;
     /* A deadline that is there for a warning only does not make time pass by itself. */
     bool is_patient = false;
+    /* Where it is not enough that the object is ready: whether this thread may go on. */
+    const bool *granted = nullptr;
+
+    bool is_met() const
+    {
+        return granted != nullptr ? *granted : object != nullptr && object->ready();
+    }
 };
 
 } // namespace sim
@@ -97,7 +104,7 @@ public:
     /* Perhaps lets another thread run. */
     void point();
 
-    /* Lets others run until the object is ready (true) or the deadline passed
+    /* Lets others run until the wait is met (true) or the deadline passed
      * (false). With the object ready, nobody ran since it became so. */
     bool wait(const Wait &wait);
 

@@ -1,6 +1,7 @@
 // What threads wait for: mutexes, events and queues.
 
 #include <deque>
+#include <utility>
 
 #include "osa/sim/world.h"
 
@@ -24,12 +25,9 @@ struct OSA_Mutex : sim::Object {
 
 struct OSA_Event : sim::Object {
     OSA_Event() : Object(Kind::event) {}
-    bool ready() const override
-    {
-        return is_signalled;
-    }
 
-    bool is_signalled = false;
+    bool is_latched = false;
+    std::deque<bool *> waiters; // those not released, in the order they came
 };
 
 struct OSA_Queue : sim::Object {
@@ -68,14 +66,28 @@ int32_t destroy(Handle *handle, Kind kind, const char *operation)
     return layer.destroy(handle, kind, operation) ? 0 : -1;
 }
 
-// Whether the object became ready in time.
-bool wait_for(Entry &layer, const sim::Object *object, uint32_t timeout_ms)
+// Whether the object became ready, or this thread was granted to go on, in time.
+bool wait_for(Entry &layer, const sim::Object *object, uint32_t timeout_ms,
+              const bool *granted = nullptr)
 {
     sim::Wait wait;
     wait.object = object;
+    wait.granted = granted;
     if (timeout_ms != OSA_WAIT_FOREVER)
         wait.deadline = layer->scheduler.deadline_in(timeout_ms);
     return layer->scheduler.wait(wait);
+}
+
+// Whether a send was there for this thread, or came in time.
+bool take_send(Entry &layer, OSA_Event *event, uint32_t timeout_ms)
+{
+    if (std::exchange(event->is_latched, false))
+        return true;
+    bool released = false;
+    event->waiters.push_back(&released);
+    if (!wait_for(layer, event, timeout_ms, &released))
+        std::erase(event->waiters, &released);
+    return released;
 }
 
 } // namespace
@@ -152,7 +164,12 @@ int32_t OSA_EventSend(OSA_Event *event)
     if (!layer.check(event, Kind::event, "OSA_EventSend"))
         return -1;
     sim::order_release(event);
-    event->is_signalled = true;
+    if (event->waiters.empty()) {
+        event->is_latched = true;
+        return 0;
+    }
+    *event->waiters.front() = true;
+    event->waiters.pop_front();
     return 0;
 }
 
@@ -160,9 +177,8 @@ int32_t OSA_EventWait(OSA_Event *event, uint32_t timeout_ms)
 {
     Entry layer;
     layer->scheduler.point();
-    if (!layer.check(event, Kind::event, "OSA_EventWait") || !wait_for(layer, event, timeout_ms))
+    if (!layer.check(event, Kind::event, "OSA_EventWait") || !take_send(layer, event, timeout_ms))
         return -1;
-    event->is_signalled = false;
     sim::order_acquire(event);
     return 0;
 }

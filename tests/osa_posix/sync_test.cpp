@@ -82,6 +82,7 @@ TEST_F(Event, EachSendReleasesOneWaiterHoweverLateItRuns)
     EXPECT_NE(OSA_EventDestroy(event), 0) << "while threads wait";
     OSA_EventSend(event);
     OSA_EventSend(event);
+    EXPECT_NE(OSA_EventWait(event, 1), 0) << "both sends are the waiters'";
     while (released < 2)
         OSA_ThreadSleep(1);
     OSA_ThreadSleep(20);

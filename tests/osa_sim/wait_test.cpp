@@ -39,6 +39,14 @@ TEST_P(EverySchedule, AnEventLatchesOnceAndReleasesOneWaiter)
     }
     EXPECT_EQ(1u, SIM_TraceCount("woken"));
     EXPECT_EQ(1u, SIM_TraceCount("late"));
+    {
+        SimulatedThread waiter("waiter", wait);
+        OSA_ThreadSleep(10);
+        OSA_EventSend(event); // the waiter's, whoever comes before it has run
+        EXPECT_NE(0, OSA_EventWait(event, 0));
+        OSA_EventSend(event);
+    }
+    EXPECT_EQ(2u, SIM_TraceCount("woken"));
     OSA_EventDestroy(event);
 }
 
