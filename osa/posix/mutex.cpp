@@ -2,6 +2,7 @@
 
 #include "osa/common/export.h"
 
+#include <atomic>
 #include <cerrno>
 #include <new>
 
@@ -25,6 +26,7 @@
 
 struct OSA_Mutex {
     pthread_mutex_t handle;
+    std::atomic<uint32_t> waiting{0}; // threads that found it locked
 };
 
 namespace
@@ -68,14 +70,17 @@ int lock_until(pthread_mutex_t *mutex, const timespec &deadline)
 #endif
 }
 
-int lock(pthread_mutex_t *mutex, uint32_t timeout_ms)
+int lock(OSA_Mutex &mutex, uint32_t timeout_ms)
 {
-    if (timeout_ms == OSA_WAIT_FOREVER)
-        return pthread_mutex_lock(mutex);
-    const int result = pthread_mutex_trylock(mutex);
+    const int result = pthread_mutex_trylock(&mutex.handle);
     if (result != EBUSY || timeout_ms == 0)
         return result;
-    return lock_until(mutex, osa::deadline_after(timeout_ms));
+    mutex.waiting.fetch_add(1, std::memory_order_relaxed);
+    const int waited = timeout_ms == OSA_WAIT_FOREVER
+                           ? pthread_mutex_lock(&mutex.handle)
+                           : lock_until(&mutex.handle, osa::deadline_after(timeout_ms));
+    mutex.waiting.fetch_sub(1, std::memory_order_release);
+    return waited;
 }
 
 } // namespace
@@ -99,8 +104,10 @@ int32_t OSA_MutexDestroy(OSA_Mutex *mutex)
 {
     if (mutex == nullptr)
         return -1;
-    if (pthread_mutex_destroy(&mutex->handle) != 0) {
-        OSA_REPORT(OSA_TRACE_ERROR, "mutex %p not destroyed: a thread holds it\n",
+    // The system says that it is held, not that a thread waits for its turn.
+    if (mutex->waiting.load(std::memory_order_acquire) != 0 ||
+        pthread_mutex_destroy(&mutex->handle) != 0) {
+        OSA_REPORT(OSA_TRACE_ERROR, "mutex %p not destroyed: a thread holds it or waits for it\n",
                    static_cast<void *>(mutex));
         return -1;
     }
@@ -111,7 +118,7 @@ int32_t OSA_MutexDestroy(OSA_Mutex *mutex)
 
 int32_t OSA_MutexLock(OSA_Mutex *mutex, uint32_t timeout_ms)
 {
-    return mutex != nullptr && lock(&mutex->handle, timeout_ms) == 0 ? 0 : -1;
+    return mutex != nullptr && lock(*mutex, timeout_ms) == 0 ? 0 : -1;
 }
 
 int32_t OSA_MutexUnLock(OSA_Mutex *mutex)
