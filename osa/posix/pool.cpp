@@ -61,12 +61,26 @@ inline void give_to(PoolSlot &slot, uint32_t count, void *block)
     slot.count.set(count + 1);
 }
 
+void *take_without_state(uint32_t number)
+{
+    void *block = take_from_depot(number);
+    if (block == nullptr)
+        return nullptr;
+    count_out_without_state(number, 1);
+    unpoison(block, g_pools[number].usable);
+    return zero(block, g_pools[number].usable);
+}
+
 // The slow halves stay out of line, so that the quick ones need no stack.
 
 [[gnu::noinline, gnu::cold]] void *take_slowly(uint32_t number)
 {
-    ThreadState *state = number != 0 ? thread_state() : nullptr;
-    if (state == nullptr || !restock(number, state->slots[number]))
+    if (number == 0)
+        return nullptr;
+    ThreadState *state = thread_state();
+    if (state == nullptr)
+        return take_without_state(number);
+    if (!restock(number, state->slots[number]))
         return nullptr;
     PoolSlot &slot = state->slots[number];
     return take_from(slot, slot.count.get());
@@ -82,7 +96,8 @@ inline void give_to(PoolSlot &slot, uint32_t count, void *block)
     // Without memory for a magazine the block lies idle until the pools stop.
     ThreadState *state = thread_state();
     if (state == nullptr) {
-        count_given_without_state(number);
+        count_out_without_state(number, -1);
+        give_to_depot(number, block);
         return;
     }
     PoolSlot &slot = state->slots[number];

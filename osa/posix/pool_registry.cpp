@@ -30,7 +30,7 @@ constinit std::mutex g_mutex;
 constinit bool g_started = false;
 
 // A number for a size that has none, while there are numbers.
-uint32_t add_pool(uint32_t block_size)
+uint32_t add_pool(uint32_t block_size, const char *name)
 {
     const uint32_t number = g_pool_count.load(std::memory_order_relaxed);
     Pool &pool = g_pools[number];
@@ -38,18 +38,18 @@ uint32_t add_pool(uint32_t block_size)
     pool.block_size = block_size;
     pool.usable = (block_size + kBlockStep - 1) / kBlockStep * kBlockStep;
     pool.capacity = std::clamp(kChunkBytes / pool.usable, 1u, kMagazineCapacity);
+    std::snprintf(g_stores[number].name, kPoolNameSize, "%s", name);
     g_given_to[pool.index].store(number, std::memory_order_release);
     g_pool_count.store(number + 1, std::memory_order_release);
     return number;
 }
 
-void open_pool(uint32_t number, const char *name)
+// Under the name it first had, which somebody may be reading.
+void open_pool(uint32_t number)
 {
     const size_t index = g_pools[number].index;
-    char *own_name = g_stores[number].name;
-    std::snprintf(own_name, kPoolNameSize, "%s", name);
     g_taken_from[index].store(number, std::memory_order_release);
-    g_names[index].store(own_name, std::memory_order_release);
+    g_names[index].store(g_stores[number].name, std::memory_order_release);
 }
 
 // False when nothing was open there.
@@ -165,7 +165,7 @@ int32_t OSA_SMalloc_Register(uint32_t block_size, const char *name)
     if (OSA_SMemIsReg(block_size))
         return 0;
     const uint32_t number = osa::with_index(block_size, osa::given_to_at);
-    osa::open_pool(number != 0 ? number : osa::add_pool(block_size), name);
+    osa::open_pool(number != 0 ? number : osa::add_pool(block_size, name));
     return 0;
 }
 

@@ -48,6 +48,12 @@ Magazine *make_stocked(uint32_t number)
     return nullptr;
 }
 
+Magazine *find_stocked(uint32_t number)
+{
+    Magazine *stocked = g_stores[number].depot.pop();
+    return stocked != nullptr ? stocked : make_stocked(number);
+}
+
 void put_away(uint32_t number, Magazine *magazine)
 {
     if (magazine->count > 0)
@@ -95,9 +101,7 @@ bool restock(uint32_t number, PoolSlot &slot)
     forget_void_magazines(slot);
     Magazine *stocked = slot.spare;
     if (stocked == nullptr || stocked->count == 0)
-        stocked = g_stores[number].depot.pop();
-    if (stocked == nullptr)
-        stocked = make_stocked(number);
+        stocked = find_stocked(number);
     if (stocked == nullptr)
         return false;
     load(number, slot, stocked);
@@ -114,6 +118,31 @@ bool make_room(uint32_t number, PoolSlot &slot)
         return false;
     load(number, slot, empty);
     return true;
+}
+
+void *take_from_depot(uint32_t number)
+{
+    Magazine *stocked = find_stocked(number);
+    if (stocked == nullptr)
+        return nullptr;
+    void *block = stocked->blocks[--stocked->count];
+    put_away(number, stocked);
+    return block;
+}
+
+void give_to_depot(uint32_t number, void *block)
+{
+    Magazine *magazine = g_stores[number].depot.pop();
+    if (magazine != nullptr && magazine->count == g_pools[number].capacity) {
+        put_away(number, magazine);
+        magazine = nullptr;
+    }
+    if (magazine == nullptr)
+        magazine = magazine_take_empty();
+    if (magazine == nullptr)
+        return;
+    magazine->blocks[magazine->count++] = block;
+    put_away(number, magazine);
 }
 
 void pools_hand_back(ThreadState &state)

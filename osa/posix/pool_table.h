@@ -99,6 +99,11 @@ bool restock(uint32_t number, PoolSlot &slot);
 // Loads an empty magazine in place of a full one or none; false without memory.
 bool make_room(uint32_t number, PoolSlot &slot);
 
+// For a thread without a state: a block from, and to, a magazine of the depot.
+// Null without memory, when a block given back lies idle until the pools stop.
+void *take_from_depot(uint32_t number);
+void give_to_depot(uint32_t number, void *block);
+
 // Frees the chunks of a pool; while no thread uses it.
 void release_stock(uint32_t number);
 

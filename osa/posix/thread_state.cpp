@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <new>
+#include <optional>
 
 #include <pthread.h>
 
@@ -60,12 +61,14 @@ void end_state(void *argument)
     delete state;
 }
 
-// The key's only use is its destructor, which runs as a thread ends.
-pthread_key_t end_of_thread()
+// The key's only use is its destructor, which runs as a thread ends. None where
+// the program has used up the system's keys.
+const std::optional<pthread_key_t> &end_of_thread()
 {
-    static const pthread_key_t key = [] {
+    static const std::optional<pthread_key_t> key = []() -> std::optional<pthread_key_t> {
         pthread_key_t created = 0;
-        pthread_key_create(&created, end_state);
+        if (pthread_key_create(&created, end_state) != 0)
+            return std::nullopt;
         return created;
     }();
     return key;
@@ -73,10 +76,11 @@ pthread_key_t end_of_thread()
 
 ThreadState *make_state()
 {
-    ThreadState *state = new (std::nothrow) ThreadState;
+    const std::optional<pthread_key_t> &key = end_of_thread();
+    ThreadState *state = key ? new (std::nothrow) ThreadState : nullptr;
     if (state == nullptr)
         return nullptr;
-    if (pthread_setspecific(end_of_thread(), state) != 0) {
+    if (pthread_setspecific(*key, state) != 0) {
         delete state;
         return nullptr;
     }
@@ -105,9 +109,9 @@ void count_alive(Kind kind, int64_t difference)
         g_alive_of_others[index].fetch_add(difference, std::memory_order_relaxed);
 }
 
-void count_given_without_state(uint32_t pool)
+void count_out_without_state(uint32_t pool, int64_t difference)
 {
-    g_out_of_others[pool].fetch_sub(1, std::memory_order_relaxed);
+    g_out_of_others[pool].fetch_add(difference, std::memory_order_relaxed);
 }
 
 AllThreads::AllThreads() : m_lock(g_mutex) {}

@@ -83,13 +83,14 @@ struct ThreadState {
 // every slot is without a magazine and nothing is ever written.
 extern constinit thread_local ThreadState *t_state __attribute__((tls_model("initial-exec")));
 
-// The calling thread's state, made if need be; null without memory.
+// The calling thread's state, made if need be; null without memory or a key of
+// the system for it.
 ThreadState *thread_state();
 
 void count_alive(Kind kind, int64_t difference);
 
-// A block given back by a thread that could get no state.
-void count_given_without_state(uint32_t pool);
+// Blocks taken (negative: given back) by a thread that could get no state.
+void count_out_without_state(uint32_t pool, int64_t difference);
 
 // Holds the list of states still, and sums over it.
 class AllThreads

@@ -6,8 +6,17 @@ using sim::BlockKind;
 using sim::Entry;
 using sim::Origin;
 
+const sim::Pool *sim::Pools::find(uint32_t block_size) const
+{
+    const auto found = by_size.find(block_size);
+    return found != by_size.end() && found->second.is_registered ? &found->second : nullptr;
+}
+
 namespace
 {
+
+constexpr size_t pool_limit = 63;
+constexpr size_t pool_name_limit = 47;
 
 // The live block at this address, or null with the misuse reported.
 sim::Block *find_block(Entry &layer, const void *address, BlockKind kind, const char *operation)
@@ -101,7 +110,10 @@ int32_t OSA_SMalloc_Deinit(void)
     Entry layer;
     layer->scheduler.point();
     layer->pools.is_up = false;
-    layer->pools.names.clear();
+    if (layer->heap.count(BlockKind::pool) == 0)
+        layer->pools.by_size.clear();
+    for (auto &pool : layer->pools.by_size)
+        pool.second.is_registered = false;
     return 0;
 }
 
@@ -113,7 +125,12 @@ int32_t OSA_SMalloc_Register(uint32_t block_size, const char *name)
         return -1;
     if (!layer->pools.is_up || block_size == 0 || name == nullptr)
         return -1;
-    layer->pools.names.emplace(block_size, layer->heap.keep(name));
+    auto &by_size = layer->pools.by_size;
+    if (by_size.count(block_size) == 0 && by_size.size() == pool_limit)
+        return -1;
+    const std::string kept_name = std::string(name).substr(0, pool_name_limit);
+    const sim::Pool pool = {layer->heap.keep(kept_name.c_str()), true};
+    by_size.emplace(block_size, pool).first->second.is_registered = true;
     return 0;
 }
 
@@ -121,29 +138,32 @@ int32_t OSA_SMalloc_UnRegister(uint32_t block_size)
 {
     Entry layer;
     layer->scheduler.point();
-    return layer->pools.names.erase(block_size) == 0 ? -1 : 0;
+    if (layer->pools.find(block_size) == nullptr)
+        return -1;
+    layer->pools.by_size[block_size].is_registered = false;
+    return 0;
 }
 
 uint8_t OSA_SMemIsReg(uint32_t block_size)
 {
     Entry layer;
     layer->scheduler.point();
-    return layer->pools.names.count(block_size) == 0 ? 0 : 1;
+    return layer->pools.find(block_size) == nullptr ? 0 : 1;
 }
 
 const char *OSA_SMemGetName(uint32_t block_size)
 {
     Entry layer;
     layer->scheduler.point();
-    const auto found = layer->pools.names.find(block_size);
-    return found == layer->pools.names.end() ? nullptr : found->second;
+    const sim::Pool *pool = layer->pools.find(block_size);
+    return pool == nullptr ? nullptr : pool->name;
 }
 
 void *OSA_SMalloc(uint32_t block_size)
 {
     Entry layer;
     layer->scheduler.point();
-    if (layer.must_fail("OSA_SMalloc", SIM_CALLER) || layer->pools.names.count(block_size) == 0)
+    if (layer.must_fail("OSA_SMalloc", SIM_CALLER) || layer->pools.find(block_size) == nullptr)
         return nullptr;
     return layer->heap.take(BlockKind::pool, block_size, Origin{SIM_CALLER});
 }

@@ -22,10 +22,18 @@
 namespace sim
 {
 
+/* A size keeps its place among the pools, and its first name, while it is not registered. */
+struct Pool {
+    const char *name; /* kept by the heap, valid to the end of the run */
+    bool is_registered;
+};
+
 /* Fixed-size pools: here no more than which sizes are registered. */
 struct Pools {
     bool is_up = false;
-    std::map<uint32_t, const char *> names; /* kept by the heap, valid to the end of the run */
+    std::map<uint32_t, Pool> by_size;
+
+    const Pool *find(uint32_t block_size) const; /* null unless registered */
 };
 
 struct TraceLog {

@@ -1,12 +1,14 @@
 // Pools, and the nodes that come from them.
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <thread>
 #include <vector>
 
 #include <malloc.h>
+#include <pthread.h>
 
 #include "fixture.h"
 
@@ -148,6 +150,42 @@ TEST_F(Pools, BlocksMayComeBackAfterTheirPoolEnded)
     OSA_SMalloc_Init();
     EXPECT_EQ(OSA_SMalloc_Register(kSize, "record"), 0);
     give(take(50));
+}
+
+TEST_F(Pools, ANameOutlivesItsRegistrationUnderReaders)
+{
+    const char *name = OSA_SMemGetName(kSize);
+    OSA_SMalloc_UnRegister(kSize);
+    EXPECT_EQ(OSA_SMalloc_Register(kSize, "another"), 0);
+    EXPECT_STREQ(name, "record");
+    EXPECT_STREQ(OSA_SMemGetName(kSize), "record");
+}
+
+// In a process of its own, in which no thread has used the layer yet.
+void work_without_keys_of_the_system()
+{
+    pthread_key_t first = 0;
+    pthread_key_create(&first, nullptr);
+    for (pthread_key_t key = 0; pthread_key_create(&key, nullptr) == 0;) {
+    }
+    OSA_SMalloc_Init();
+    OSA_SMalloc_Register(kSize, "record");
+    std::set<void *> blocks;
+    while (blocks.size() < 1000)
+        blocks.insert(OSA_SMalloc(kSize));
+    OSA_Alive alive;
+    OSA_AliveGet(&alive);
+    const bool counted = alive.pool_blocks == 1000 && blocks.count(nullptr) == 0;
+    for (void *block : blocks)
+        OSA_SFree(block, kSize);
+    const bool reused = blocks.count(OSA_SMalloc(kSize)) == 1;
+    std::exit(counted && reused && pthread_getspecific(first) == nullptr ? 0 : 1);
+}
+
+TEST(PoolsDeathTest, ServeAProgramThatHasUsedUpTheKeysOfThreads)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(work_without_keys_of_the_system(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Pools, NodesGoBackToWhereTheyCameFrom)
