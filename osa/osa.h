@@ -93,8 +93,10 @@ void OSA_Free(void *block, int32_t kind);
 int32_t OSA_SMalloc_Init(void);
 int32_t OSA_SMalloc_Deinit(void);
 
-/* Registers a pool of blocks of exactly `block_size` bytes. `name` is copied.
- * A size that is registered already keeps its pool and its name. */
+/* Registers a pool of blocks of exactly `block_size` bytes. `name` is copied,
+ * cut to 47 characters. A size keeps its pool and its first name until the pools
+ * stop, registered again or not. Refused before OSA_SMalloc_Init, for a size of 0,
+ * for a null name, and for more than 63 sizes, unregistered ones included. */
 int32_t OSA_SMalloc_Register(uint32_t block_size, const char *name);
 
 /* Ends the pool of that size: no block can be taken any more. Blocks that are
@@ -104,8 +106,8 @@ int32_t OSA_SMalloc_UnRegister(uint32_t block_size);
 /* 1 when a pool of exactly this block size is registered, else 0. */
 uint8_t OSA_SMemIsReg(uint32_t block_size);
 
-/* The name of the pool of that size (owned by the layer, valid until the layer
- * goes down), or null. */
+/* The name of the pool of that size (owned by the layer, valid until the pools
+ * stop), or null. */
 const char *OSA_SMemGetName(uint32_t block_size);
 
 /* A zero-filled block of the pool of that size, or null. Takes no mutex. */
@@ -127,7 +129,9 @@ int32_t OSA_ListDestroy(OSA_List *list);
 int32_t OSA_ListAddTail(OSA_List *list, OSA_ListNode *node);
 int32_t OSA_ListAddHead(OSA_List *list, OSA_ListNode *node);
 
-/* Unlinks a node of this list; the node and its data stay alive. */
+/* Unlinks a node of this list; the node and its data stay alive. A node of no
+ * list, or at an end of another, is refused (non-zero); one from the middle of
+ * another list need not be noticed, so be sure of the list. */
 int32_t OSA_ListDel(OSA_List *list, OSA_ListNode *node);
 
 /* Null at the end, and for a null list or node. */
@@ -153,6 +157,8 @@ void OSA_List_Node_delete(OSA_ListNode *node);
 
 /* A recursive mutex, unlocked, or null. Release with OSA_MutexDestroy. */
 OSA_Mutex *OSA_MutexCreate(void);
+
+/* Refused (non-zero), and the mutex stays, while a thread holds or waits for it. */
 int32_t OSA_MutexDestroy(OSA_Mutex *mutex);
 
 /* Locks; non-zero when `timeout_ms` passed first. */
@@ -161,10 +167,13 @@ int32_t OSA_MutexUnLock(OSA_Mutex *mutex);
 
 /* ---- events -------------------------------------------------------------- */
 
-/* An event, not signalled, or null. It latches and resets itself: a send
- * releases exactly one waiter, the present one or the next to come, and further
- * sends before that wait add nothing. `kind` is reserved. */
+/* An event, not signalled, or null. It latches and resets itself: a send that
+ * finds a waiter releases exactly that one, even if it has not run yet; any other
+ * send is kept for the next to wait, and further ones before that wait add
+ * nothing. `kind` is reserved. */
 OSA_Event *OSA_EventCreate(int32_t kind);
+
+/* Refused (non-zero), and the event stays, while a thread waits for it. */
 int32_t OSA_EventDestroy(OSA_Event *event);
 int32_t OSA_EventSend(OSA_Event *event);
 
@@ -177,11 +186,13 @@ int32_t OSA_EventWait(OSA_Event *event, uint32_t timeout_ms);
  * number of threads on both sides; or null. `name` is for diagnosis. */
 OSA_Queue *OSA_QueueCreate(const char *name, int32_t kind);
 
-/* Releases the queue; entries still in it are dropped, not freed. */
+/* Releases the queue; entries still in it are dropped, not freed. Refused
+ * (non-zero), and the queue stays, while a thread waits for it. */
 int32_t OSA_QueueDestroy(OSA_Queue *queue);
 
 /* Appends an entry; never blocks. On success what `item` points to passes to
- * the queue; on failure (non-zero) the caller keeps it. */
+ * the queue; on failure (non-zero) the caller keeps it. Null is refused: to
+ * OSA_QueuePop it means that nothing came. */
 int32_t OSA_QueuePush(OSA_Queue *queue, void *item, uint32_t size);
 
 /* The oldest entry, waiting at most `timeout_ms` (0: not at all); its size is
