@@ -55,7 +55,11 @@ protected:
 
 TEST_F(Pools, AreFoundByExactSize)
 {
+    const char *name = OSA_SMemGetName(kSize);
     EXPECT_EQ(OSA_SMalloc_Register(kSize, "other"), 0);
+    EXPECT_EQ(OSA_SMalloc_UnRegister(kSize), 0);
+    EXPECT_EQ(OSA_SMalloc_Register(kSize, "another"), 0);
+    EXPECT_STREQ(name, "record") << "a name that somebody may be reading";
     EXPECT_EQ(OSA_SMalloc_Register(100000, "large"), 0);
     EXPECT_STREQ(OSA_SMemGetName(kSize), "record") << "a size keeps its first name";
     EXPECT_STREQ(OSA_SMemGetName(100000), "large");
@@ -90,45 +94,44 @@ TEST_F(Pools, BlocksGivenByAThreadThatEndedServeTheOthers)
     const std::vector<void *> taken = take(100);
     std::thread([&] { give(taken); }).join();
     EXPECT_EQ(count_alive(&OSA_Alive::pool_blocks), 0u);
-    std::vector<void *> again = take(100);
-    std::vector<void *> common;
-    std::vector<void *> sorted = taken;
-    std::sort(sorted.begin(), sorted.end());
-    std::sort(again.begin(), again.end());
-    std::set_intersection(sorted.begin(), sorted.end(), again.begin(), again.end(),
-                          std::back_inserter(common));
-    EXPECT_GE(common.size(), 80u);
+    const std::vector<void *> again = take(100);
+    const std::set<void *> known(taken.begin(), taken.end());
+    EXPECT_GE(std::count_if(again.begin(), again.end(),
+                            [&](void *block) { return known.count(block) == 1; }),
+              80);
     give(again);
 }
 
-// Two threads take and two give back; each block carries its user's mark, which
-// another user of the same block would overwrite.
-TEST_F(Pools, BlocksHaveOneUserAtATimeAcrossThreads)
+// Two threads take and two give back, through a queue that keeps the order of
+// each; a block carries its user and number, which another user would overwrite.
+TEST_F(Pools, BlocksHaveOneUserAtATimeAndQueuesKeepOrderAcrossThreads)
 {
     OSA_Queue *queue = OSA_QueueCreate("blocks", 0);
     constexpr uint32_t rounds = 20000;
-    std::vector<std::thread> threads;
-    for (uint32_t mark = 1; mark <= 2; ++mark) {
-        threads.emplace_back([queue, mark] {
-            for (uint32_t round = 0; round < rounds; ++round) {
-                uint32_t *block = static_cast<uint32_t *>(OSA_SMalloc(kSize));
-                EXPECT_EQ(*block, 0u);
-                *block = mark;
-                OSA_QueuePush(queue, block, mark);
-            }
-        });
-        threads.emplace_back([queue] {
-            for (uint32_t round = 0; round < rounds; ++round) {
-                uint32_t expected = 0;
-                void *block = OSA_QueuePop(queue, &expected, OSA_WAIT_FOREVER);
-                EXPECT_EQ(*static_cast<uint32_t *>(block), expected);
-                OSA_SFree(block, kSize);
-            }
-        });
-    }
+    const auto produce = [queue](uint32_t user) {
+        for (uint32_t round = 1; round <= rounds; ++round) {
+            uint32_t *block = static_cast<uint32_t *>(OSA_SMalloc(kSize));
+            EXPECT_EQ(*block, 0u);
+            *block = user << 16 | round;
+            OSA_QueuePush(queue, block, user);
+        }
+    };
+    const auto consume = [queue] {
+        uint32_t latest[2] = {};
+        for (uint32_t round = 0; round < rounds; ++round) {
+            uint32_t user = 0;
+            uint32_t *block = static_cast<uint32_t *>(OSA_QueuePop(queue, &user, OSA_WAIT_FOREVER));
+            EXPECT_EQ(*block >> 16, user);
+            EXPECT_LT(latest[user], *block);
+            latest[user] = *block;
+            OSA_SFree(block, kSize);
+        }
+    };
+    std::thread threads[] = {std::thread(produce, 0), std::thread(produce, 1), std::thread(consume),
+                             std::thread(consume)};
     for (std::thread &thread : threads)
         thread.join();
-    OSA_QueueDestroy(queue);
+    EXPECT_EQ(OSA_QueueDestroy(queue), 0);
 }
 
 TEST_F(Pools, BlocksMayComeBackAfterTheirPoolEnded)
@@ -150,15 +153,6 @@ TEST_F(Pools, BlocksMayComeBackAfterTheirPoolEnded)
     OSA_SMalloc_Init();
     EXPECT_EQ(OSA_SMalloc_Register(kSize, "record"), 0);
     give(take(50));
-}
-
-TEST_F(Pools, ANameOutlivesItsRegistrationUnderReaders)
-{
-    const char *name = OSA_SMemGetName(kSize);
-    OSA_SMalloc_UnRegister(kSize);
-    EXPECT_EQ(OSA_SMalloc_Register(kSize, "another"), 0);
-    EXPECT_STREQ(name, "record");
-    EXPECT_STREQ(OSA_SMemGetName(kSize), "record");
 }
 
 // In a process of its own, in which no thread has used the layer yet.

@@ -1,7 +1,6 @@
 // Mutexes, events and queues.
 
 #include <atomic>
-#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -36,24 +35,6 @@ TEST_F(Mutex, IsRecursiveAndTimesOutForOthers)
     EXPECT_EQ(OSA_MutexUnLock(mutex), 0);
     EXPECT_EQ(lock_elsewhere(30), 0);
     EXPECT_EQ(OSA_MutexDestroy(mutex), 0);
-}
-
-TEST_F(Mutex, ATimedLockTakesOverWhenTheHolderLetsGo)
-{
-    OSA_Mutex *mutex = OSA_MutexCreate();
-    int guarded = 0;
-    OSA_MutexLock(mutex, OSA_WAIT_FOREVER);
-    std::thread waiter([&] {
-        ASSERT_EQ(OSA_MutexLock(mutex, 60000), 0);
-        ++guarded;
-        OSA_MutexUnLock(mutex);
-    });
-    OSA_ThreadSleep(20);
-    ++guarded;
-    OSA_MutexUnLock(mutex);
-    waiter.join();
-    EXPECT_EQ(guarded, 2);
-    OSA_MutexDestroy(mutex);
 }
 
 TEST_F(Event, LatchesOnceAndResetsItself)
@@ -91,45 +72,6 @@ TEST_F(Event, EachSendReleasesOneWaiterHoweverLateItRuns)
     for (std::thread &waiter : waiters)
         waiter.join();
     OSA_EventDestroy(event);
-}
-
-TEST_F(Queue, KeepsOrderPerProducerAndLosesNothing)
-{
-    OSA_Queue *queue = OSA_QueueCreate("numbers", 0);
-    constexpr uint32_t producers = 3;
-    constexpr uint32_t each = 10000;
-    int item[producers] = {};
-    int stop = 0;
-    std::atomic<uint32_t> received{0};
-    const auto produce = [&](uint32_t producer) {
-        for (uint32_t number = 1; number <= each; ++number)
-            EXPECT_EQ(OSA_QueuePush(queue, &item[producer], number), 0);
-    };
-    const auto consume = [&] {
-        uint32_t last[producers] = {};
-        uint32_t number = 0;
-        for (;;) {
-            void *popped = OSA_QueuePop(queue, &number, OSA_WAIT_FOREVER);
-            if (popped == &stop)
-                return;
-            uint32_t &previous = last[static_cast<int *>(popped) - item];
-            EXPECT_LT(previous, number);
-            previous = number;
-            ++received;
-        }
-    };
-    std::thread consumers[] = {std::thread(consume), std::thread(consume)};
-    std::vector<std::thread> threads;
-    for (uint32_t producer = 0; producer < producers; ++producer)
-        threads.emplace_back(produce, producer);
-    for (std::thread &thread : threads)
-        thread.join();
-    for (size_t index = 0; index < std::size(consumers); ++index)
-        OSA_QueuePush(queue, &stop, 0);
-    for (std::thread &consumer : consumers)
-        consumer.join();
-    EXPECT_EQ(received, producers * each);
-    EXPECT_EQ(OSA_QueueDestroy(queue), 0);
 }
 
 TEST_F(Queue, PopWaitsNoLongerThanAskedAndLeavesTheSizeAlone)

@@ -1,5 +1,7 @@
 // Threads.
 
+#include <memory>
+
 #include <pthread.h>
 
 #include "fixture.h"
@@ -15,14 +17,6 @@ struct Seen {
     bool destroyed = false;
 };
 
-struct SetsOnDestruction {
-    bool &flag;
-    ~SetsOnDestruction()
-    {
-        flag = true;
-    }
-};
-
 int32_t look_around(void *argument)
 {
     Seen &seen = *static_cast<Seen *>(argument);
@@ -31,7 +25,8 @@ int32_t look_around(void *argument)
     pthread_getattr_np(pthread_self(), &attributes);
     pthread_attr_getstacksize(&attributes, &seen.stack);
     pthread_attr_destroy(&attributes);
-    const SetsOnDestruction local{seen.destroyed};
+    const std::unique_ptr<bool, void (*)(bool *)> local(&seen.destroyed,
+                                                        [](bool *flag) { *flag = true; });
     OSA_ThreadExit(-7);
     return 1;
 }
@@ -65,31 +60,20 @@ TEST_F(Threads, ThatMayNotRunInRealTimeRunByDefault)
         EXPECT_EQ(status, 5);
 }
 
-struct Self {
-    OSA_Event *ready = OSA_EventCreate(0);
-    OSA_Thread *thread = nullptr;
-    ~Self()
-    {
-        OSA_EventDestroy(ready);
-    }
-};
-
 TEST_F(Threads, CannotDeleteThemselvesNorEndOthers)
 {
     Traces traces;
-    Self self;
-    self.thread = OSA_ThreadCreate(
-        "self", 0, 0,
-        [](void *argument) {
-            Self &own = *static_cast<Self *>(argument);
-            OSA_EventWait(own.ready, OSA_WAIT_FOREVER);
-            return OSA_ThreadDelete(own.thread, nullptr);
-        },
-        &self);
-    OSA_EventSend(self.ready);
+    OSA_Queue *itself = OSA_QueueCreate("itself", 0);
+    const OSA_ThreadEntry entry = [](void *queue) {
+        void *self = OSA_QueuePop(static_cast<OSA_Queue *>(queue), nullptr, OSA_WAIT_FOREVER);
+        return OSA_ThreadDelete(static_cast<OSA_Thread *>(self), nullptr);
+    };
+    OSA_Thread *thread = OSA_ThreadCreate("self", 0, 0, entry, itself);
+    OSA_QueuePush(itself, thread, 0);
     int32_t status = 0;
-    EXPECT_EQ(OSA_ThreadDelete(self.thread, &status), 0);
+    EXPECT_EQ(OSA_ThreadDelete(thread, &status), 0);
     EXPECT_NE(status, 0);
+    OSA_QueueDestroy(itself);
     EXPECT_TRUE(traces.has("1 thread \"self\" cannot delete itself"));
     OSA_ThreadExit(0);
     EXPECT_TRUE(traces.has("did not create")) << "and this thread goes on";
@@ -98,13 +82,11 @@ TEST_F(Threads, CannotDeleteThemselvesNorEndOthers)
 TEST_F(Threads, OneThatDoesNotEndIsNamedAndWaitedFor)
 {
     Traces traces;
-    OSA_Thread *thread = OSA_ThreadCreate(
-        "stuck", 0, 0,
-        [](void *) -> int32_t {
-            OSA_ThreadSleep(1200);
-            return 3;
-        },
-        nullptr);
+    const OSA_ThreadEntry entry = [](void *) -> int32_t {
+        OSA_ThreadSleep(1200);
+        return 3;
+    };
+    OSA_Thread *thread = OSA_ThreadCreate("stuck", 0, 0, entry, nullptr);
     int32_t status = 0;
     EXPECT_EQ(OSA_ThreadDelete(thread, &status), 0);
     EXPECT_EQ(status, 3);
