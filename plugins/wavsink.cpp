@@ -2,8 +2,8 @@
 //
 // The file is opened on the way out of NULL, where a failure still stops the change
 // of state; the base sink does not look at the result of a start. Its header is
-// brought up to date at end of stream, and on stop in any case. After a failed
-// write nothing more is written, and the failure is reported once.
+// brought up to date after each second of sound, at end of stream, and on stop in any
+// case. After a failed write nothing more is written, and the failure is reported once.
 
 #include <cerrno>
 #include <cstring>
@@ -34,7 +34,8 @@ struct State {
     Descriptor descriptor; // outlives the handle that writes through it
     SoundFile file;        // null: not open, or given up
     StreamFormat stream{};
-    uint64_t bytes = 0; // of samples written
+    uint64_t bytes = 0;        // of samples written
+    uint64_t header_bytes = 0; // of them, those that the header in the file counts
 };
 
 using WavSink = Element<NOXBaseSink, State>;
@@ -51,6 +52,7 @@ int32_t wavsink_setformat(NOXBaseSink *sink, NOXStructure *format)
 
 int32_t wavsink_getformat(NOXBaseSink *sink, NOXStructure *format)
 {
+    const PluginLock lock(sink);
     const Text &location = WavSink::of(sink)->state.location;
     return put_option(format, "location", location == nullptr ? "" : location.get());
 }
@@ -100,17 +102,23 @@ int32_t open_file(NOXBaseSink *sink)
     state.descriptor = std::move(descriptor);
     state.file = std::move(file);
     state.bytes = 0;
+    state.header_bytes = 0;
     return 0;
 }
 
-int32_t close_file(NOXBaseSink *sink)
+// Null, or why what was written may not have arrived: with a network, a quota or
+// delayed allocation a full disk shows only here. Devices cannot be synchronized.
+const char *close_file(State &state)
 {
-    State &state = WavSink::of(sink)->state;
-    if (state.file == nullptr)
-        return 0;
     const int failure = sf_close(state.file.release());
-    state.descriptor = Descriptor();
-    return failure == 0 ? 0 : report_write_error(sink, sf_error_number(failure));
+    const bool stored = fdatasync(state.descriptor.get()) == 0 || errno == EINVAL;
+    const int store_error = errno;
+    const bool closed = state.descriptor.close();
+    if (failure != 0)
+        return sf_error_number(failure);
+    if (!stored)
+        return strerrordesc_np(store_error);
+    return closed ? nullptr : strerrordesc_np(errno);
 }
 
 int32_t wavsink_setstate(NOXBaseSink *sink, int32_t state)
@@ -123,7 +131,9 @@ int32_t wavsink_setstate(NOXBaseSink *sink, int32_t state)
 int32_t wavsink_stop(NOXBaseSink *sink)
 {
     const PluginLock lock(sink);
-    return close_file(sink);
+    State &state = WavSink::of(sink)->state;
+    const char *reason = state.file == nullptr ? nullptr : close_file(state);
+    return reason == nullptr ? 0 : report_write_error(sink, reason);
 }
 
 int32_t write_block(NOXBaseSink *sink, const NOXMemory *memory)
@@ -138,6 +148,23 @@ int32_t write_block(NOXBaseSink *sink, const NOXMemory *memory)
     return report_write_error(sink, sf_strerror(state.file.get()));
 }
 
+// What a recording that is cut off by a kill or a crash holds for its readers.
+int32_t update_header(NOXBaseSink *sink)
+{
+    State &state = WavSink::of(sink)->state;
+    SNDFILE *file = state.file.get();
+    state.header_bytes = state.bytes;
+    sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    return sf_error(file) == SF_ERR_NO_ERROR ? 0 : report_write_error(sink, sf_strerror(file));
+}
+
+int32_t update_header_each_second(NOXBaseSink *sink)
+{
+    const State &state = WavSink::of(sink)->state;
+    const uint64_t second = uint64_t{state.stream.rate} * state.stream.frame_size();
+    return state.bytes - state.header_bytes < second ? 0 : update_header(sink);
+}
+
 int32_t wavsink_render(NOXBaseSink *sink, NOXBuffer *buffer)
 {
     const PluginLock lock(sink);
@@ -145,20 +172,18 @@ int32_t wavsink_render(NOXBaseSink *sink, NOXBuffer *buffer)
     if (state.file == nullptr)
         return -1;
     if (holds_whole_frames(sink, buffer, state.stream.frame_size()) &&
-        for_each_block(buffer, [&](NOXMemory *memory) { return write_block(sink, memory); }) == 0)
+        for_each_block(buffer, [&](NOXMemory *memory) { return write_block(sink, memory); }) == 0 &&
+        update_header_each_second(sink) == 0)
         return 0;
-    close_file(sink);
+    close_file(state); // the failure is reported already
     return -1;
 }
 
 int32_t wavsink_event(NOXBaseSink *sink, NOXEvent *event)
 {
     const PluginLock lock(sink);
-    SNDFILE *file = WavSink::of(sink)->state.file.get();
-    if (event->type != NOX_EVENT_EOS || file == nullptr)
-        return 0;
-    sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
-    return sf_error(file) == SF_ERR_NO_ERROR ? 0 : report_write_error(sink, sf_strerror(file));
+    const bool writing = WavSink::of(sink)->state.file != nullptr;
+    return event->type == NOX_EVENT_EOS && writing ? update_header(sink) : 0;
 }
 
 int32_t wavsink_init(NOXPlugin *plugin)

@@ -18,7 +18,7 @@ public:
     ~Descriptor()
     {
         if (descriptor_ >= 0)
-            close(descriptor_);
+            ::close(descriptor_);
     }
     Descriptor(Descriptor &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
     Descriptor &operator=(Descriptor &&other) noexcept
@@ -30,6 +30,12 @@ public:
     int get() const
     {
         return descriptor_;
+    }
+
+    // False, with errno set, when what was written may not have arrived.
+    bool close()
+    {
+        return ::close(std::exchange(descriptor_, -1)) == 0;
     }
 
 private:

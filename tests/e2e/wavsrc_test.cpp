@@ -1,6 +1,10 @@
-// wavsrc through the public interface: the times on its buffers.
+// wavsrc through the public interface: the times on its buffers, and which headers it
+// plays; what wavsink leaves when it is killed.
 
+#include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -160,4 +164,28 @@ TEST(WavSource, TimesAreExactAtEveryRateAndTheSourcePlaysAgainAfterAStop)
     OSA_Alive alive;
     OSA_AliveGet(&alive);
     EXPECT_EQ(OSA_AliveIsNothing(&alive), 1);
+}
+
+TEST(WavSink, ARecordingWhoseProcessIsKilledLacksItsLastSecondAtMost)
+{
+    const TemporaryFolder folder;
+    const std::string out = folder / "out.wav";
+    write_wav(folder / "in.wav", sweep(8000, 1, 8000));
+    run({NOX_SCAN, PLUGIN_FOLDER, "-o", folder / "cache"});
+    run({NOX_RUN, "--cache", folder / "cache",
+         "wavsrc loop=20000 location=" + (folder / "in.wav") + " ! wavsink location=" + out},
+        [&](pid_t process, const ErrorsSoFar &) {
+            EXPECT_TRUE(wait_until([&] {
+                std::error_code absent;
+                const auto size = std::filesystem::file_size(out, absent);
+                return !absent && size > 50000;
+            }));
+            kill(process, SIGKILL);
+        });
+    const auto size = std::filesystem::file_size(out);
+    uint32_t samples = 0;
+    std::ifstream(out, std::ios::binary).seekg(40).read(reinterpret_cast<char *>(&samples), 4);
+    EXPECT_GT(samples, 0u);
+    EXPECT_LE(samples + 44, size);
+    EXPECT_LT(size - 44 - samples, 16000u + 320u) << "a second and a buffer";
 }
