@@ -2,6 +2,7 @@
 // a meter while the stream flows; at the end it prints one line with the result.
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -61,6 +62,7 @@ int32_t levelsink_setformat(NOXBaseSink *sink, NOXStructure *format)
 
 int32_t levelsink_getformat(NOXBaseSink *sink, NOXStructure *format)
 {
+    const PluginLock lock(sink);
     return put_option(format, "meter", LevelSink::of(sink)->state.meter);
 }
 
@@ -98,9 +100,10 @@ void measure(State &state, const NOXMemory *memory)
 void print_bar(double level, uint32_t width)
 {
     const double filled = std::max(0.0, 1 - decibels(level) / kMeterFloor) * width;
-    const int count = static_cast<int>(std::lrint(filled));
-    std::printf(" [%.*s%*s] %6.1f dB", count, "################################################",
-                static_cast<int>(width) - count, "", decibels(level));
+    std::array<char, kMeterWidth> bar;
+    bar.fill(' ');
+    std::fill_n(bar.begin(), std::lrint(filled), '#');
+    std::printf(" [%.*s] %6.1f dB", static_cast<int>(width), bar.data(), decibels(level));
 }
 
 // One line that is drawn over the last one; the rest of a longer one is erased.
