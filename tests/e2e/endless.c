@@ -1,7 +1,7 @@
 /* endless: a live source that never ends by itself and does not know the wish to
  * end. Its silence can be announced as another format (option "format"). Options
- * "dry", the buffers after which it captures nothing more, and "stays", it refuses
- * to go to NULL. */
+ * "dry", the buffers after which it captures nothing more, and "stays", its stop
+ * fails. */
 
 #include <stddef.h>
 
@@ -35,9 +35,9 @@ static int32_t endless_setformat(NOXBaseSrc *source, NOXStructure *format)
     return 0;
 }
 
-static int32_t endless_setstate(NOXBaseSrc *source, int32_t state)
+static int32_t endless_stop(NOXBaseSrc *source)
 {
-    return state == NOX_STATE_NULL && ((Endless *)source)->stays ? -1 : 0;
+    return ((Endless *)source)->stays ? -1 : 0;
 }
 
 static int32_t endless_getformat(NOXBaseSrc *source, NOXStructure *format)
@@ -68,7 +68,7 @@ static int32_t endless_init(NOXPlugin *plugin)
     OSA_snprintf(self->format, sizeof self->format, "s16le");
     self->base.create_func = endless_create;
     self->base.setformat_func = endless_setformat;
-    self->base.setstate_func = endless_setstate;
+    self->base.stop_func = endless_stop;
     self->base.getformat_func = endless_getformat;
     self->base.finalize_func = endless_finalize;
     return 0;

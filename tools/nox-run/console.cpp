@@ -2,8 +2,9 @@
 
 #include "console.h"
 
+#include <cctype>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include <unistd.h>
@@ -13,30 +14,35 @@ namespace
 
 constexpr char kEraseLine[] = "\r\033[K";
 
-bool no_colour_asked()
+// Length of the colour sequence, ESC [ ... m, that the text begins with; 0 without.
+size_t colour_length(const char *text)
 {
-    const char *value = std::getenv("NO_COLOR");
-    return value != nullptr && *value != '\0';
+    if (text[0] != '\033' || text[1] != '[')
+        return 0;
+    const size_t end = 2 + std::strspn(text + 2, "0123456789;:");
+    return text[end] == 'm' ? end + 1 : 0;
 }
 
-// Drops the colour sequences, ESC [ ... m.
-std::string without_colours(const char *text)
+// What a plugin, a file's name or the notation puts into a text must not steer the
+// terminal. Colours only repeat what the words say.
+std::string harmless(const std::string &text)
 {
-    std::string plain;
-    for (const char *at = text; *at != '\0'; ++at) {
-        if (*at != '\033')
-            plain += *at;
-        else if (const char *end = std::strchr(at, 'm'); end != nullptr)
-            at = end;
+    std::string shown;
+    for (const char *at = text.c_str(); *at != '\0';) {
+        if (const size_t length = colour_length(at); length > 0) {
+            at += length;
+            continue;
+        }
+        const bool kept = *at == '\n' || *at == '\t' || !std::iscntrl(static_cast<uint8_t>(*at));
+        shown += kept ? *at : '?';
+        ++at;
     }
-    return plain;
+    return shown;
 }
 
 } // namespace
 
-Console::Console(bool quiet)
-    : quiet_(quiet), terminal_(isatty(STDERR_FILENO) == 1),
-      colours_(terminal_ && !no_colour_asked())
+Console::Console(bool quiet) : quiet_(quiet), terminal_(isatty(STDERR_FILENO) == 1)
 {
     OSA_TraceSetReceiver(receive_trace, this);
 }
@@ -48,7 +54,7 @@ Console::~Console()
 
 void Console::error(const std::string &text)
 {
-    write("nox-run: " + text + "\n");
+    write("nox-run: " + harmless(text) + "\n");
 }
 
 void Console::note(const std::string &text)
@@ -75,7 +81,7 @@ void Console::write(const std::string &text)
 void Console::receive_trace(void *user, const OSA_TraceRecord *record)
 {
     auto *self = static_cast<Console *>(user);
-    std::string text = self->colours_ ? record->text : without_colours(record->text);
+    std::string text = harmless(record->text);
     if (!text.empty() && text.back() != '\n')
         text += '\n';
     if (record->module != nullptr)

@@ -46,7 +46,6 @@ private:
 
     const bool quiet_;
     const bool terminal_;
-    const bool colours_;
     bool meter_ = false;
     bool plain_lines_ = false;
     std::mutex mutex_; // traces come on any thread

@@ -94,7 +94,7 @@ StructurePointer make_format(const GraphElement &element)
 {
     StructurePointer format(nox_structure_new("options"));
     if (format == nullptr)
-        throw SetupError("no memory for options");
+        throw SetupError{element.text.place, "no memory for options"};
     const std::vector<DeclaredOption> declared = declared_options(element.plugin);
     for (const OptionText &option : element.text.options) {
         const int32_t type = type_of(option, element.text, declared);
@@ -151,7 +151,7 @@ std::vector<GraphElement> create_elements(NOXPipe *pipe, const std::vector<Eleme
             throw PluginError{text.place, "the plugin " + text.plugin + " cannot be loaded"};
         if (nox_pipe_add_plugin(pipe, plugin) != 0) { // takes over the reference
             nox_object_delete(plugin);
-            throw SetupError("no memory for " + text.name);
+            throw SetupError{text.place, "no memory for " + text.name};
         }
         elements.push_back({text, plugin});
     }
@@ -166,7 +166,8 @@ void link_elements(const std::vector<GraphElement> &elements)
             continue;
         const GraphElement &upstream = elements[*element.text.upstream];
         if (nox_plugin_link(upstream.plugin, element.plugin) != 0)
-            throw SetupError(upstream.text.name + " cannot be linked to " + element.text.name);
+            throw SetupError{element.text.place,
+                             upstream.text.name + " cannot be linked to " + element.text.name};
     }
 }
 
@@ -183,7 +184,7 @@ void set_options(const std::vector<GraphElement> &elements)
         if (empty && element.plugin->setformat_func == nullptr)
             continue;
         if (nox_plugin_setformat(element.plugin, formats[index].get()) != 0)
-            throw SetupError(element.text.name + " refused its options");
+            throw SetupError{element.text.place, element.text.name + " refused its options"};
     }
 }
 

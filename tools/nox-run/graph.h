@@ -3,7 +3,6 @@
 #define NOX_RUN_GRAPH_H
 
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -27,8 +26,9 @@ struct PluginError {
 
 // A graph that cannot be set up, by no fault of its notation. The plugins' own
 // words, if any, are on the bus.
-struct SetupError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+struct SetupError {
+    Place place; // of the element it is about
+    std::string message;
 };
 
 // The elements are lent: the pipe owns its members.

@@ -8,7 +8,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-Mailbox::Mailbox() : descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE))
+Mailbox::Mailbox() : descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     if (descriptor_ < 0)
         throw std::system_error(errno, std::generic_category(), "eventfd");
@@ -22,22 +22,32 @@ Mailbox::~Mailbox()
 std::optional<Message> Mailbox::take()
 {
     const std::lock_guard lock(mutex_);
-    if (messages_.empty())
+    if (messages_.empty()) {
+        eventfd_t taken;
+        eventfd_read(descriptor_, &taken);
         return std::nullopt;
-    eventfd_t taken;
-    eventfd_read(descriptor_, &taken);
+    }
     Message message = std::move(messages_.front());
     messages_.pop_front();
     return message;
 }
 
+void Mailbox::put(Message message)
+{
+    const std::lock_guard lock(mutex_);
+    messages_.push_back(std::move(message));
+}
+
+// The caller is C: nothing may be thrown through it.
 int32_t Mailbox::on_message(NOXBus *, void *mailbox, const char *sender, int32_t code,
                             const char *text)
 {
     auto *self = static_cast<Mailbox *>(mailbox);
-    const std::lock_guard lock(self->mutex_);
-    self->messages_.push_back(
-        {sender == nullptr ? "?" : sender, code, text == nullptr ? "" : text});
+    try {
+        self->put({sender == nullptr ? "?" : sender, code, text == nullptr ? "" : text});
+    } catch (...) {
+        self->lost_ = true;
+    }
     eventfd_write(self->descriptor_, 1);
     return 0;
 }

@@ -3,6 +3,7 @@
 #ifndef NOX_RUN_MAILBOX_H
 #define NOX_RUN_MAILBOX_H
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -31,17 +32,26 @@ public:
         return descriptor_;
     }
 
-    // The oldest message.
+    // The oldest message; none when all have been taken.
     std::optional<Message> take();
+
+    // Whether messages were lost, for want of memory, since it was last asked.
+    bool take_lost()
+    {
+        return lost_.exchange(false);
+    }
 
     // The handler for the bus; its data is a Mailbox.
     static int32_t on_message(NOXBus *bus, void *mailbox, const char *sender, int32_t code,
                               const char *text);
 
 private:
-    const int descriptor_; // an eventfd that counts the messages
+    void put(Message message);
+
+    const int descriptor_; // an eventfd, set while there is something to take
     std::mutex mutex_;
     std::deque<Message> messages_;
+    std::atomic<bool> lost_{false};
 };
 
 #endif

@@ -1,5 +1,6 @@
 // nox-run: plays a graph that is written on the command line.
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 
@@ -65,29 +66,39 @@ ExitCode exit_code(Outcome outcome)
     return kFailed;
 }
 
+// Whether the element draws on the terminal itself.
+bool draws_meter(const GraphElement &element)
+{
+    uint8_t meter = 0;
+    const StructurePointer format = query_format(element.plugin);
+    return format != nullptr && nox_structure_getvar_bool(format.get(), "meter", &meter) == 0 &&
+           meter != 0;
+}
+
 int play(Console &console, Signals &signals, const std::vector<ElementText> &texts,
          std::chrono::seconds time_limit)
 {
+    Mailbox mailbox; // outlives the pipe and its bus thread
     const PipePointer pipe(nox_pipe_new("nox-run"));
     if (pipe == nullptr)
-        throw SetupError("the pipe could not be made");
+        throw std::runtime_error("the pipe could not be made");
     const std::vector<GraphElement> elements = create_elements(pipe.get(), texts);
     link_elements(elements);
 
-    Player player(console, signals, pipe.get(), elements, time_limit);
+    Player player(console, signals, mailbox, pipe.get(), elements, time_limit);
     try {
         set_options(elements);
+    } catch (const SetupError &error) {
+        player.finish();
+        if (player.option_was_refused())
+            throw NotationError{error.place, error.message};
+        throw;
     } catch (...) {
         player.finish();
         throw;
     }
-    for (const GraphElement &element : elements) {
-        uint8_t meter = 0;
-        const StructurePointer format = query_format(element.plugin);
-        if (format != nullptr && nox_structure_getvar_bool(format.get(), "meter", &meter) == 0 &&
-            meter != 0)
-            console.leave_line_to_meter();
-    }
+    if (std::any_of(elements.begin(), elements.end(), draws_meter))
+        console.leave_line_to_meter();
     return exit_code(player.play());
 }
 
@@ -96,8 +107,10 @@ int run_notation(Console &console, Signals &signals, const Settings &settings)
     const std::string text = joined(settings.words);
     try {
         const std::vector<ElementText> elements = parse_notation(text);
-        if (nox_init(settings.cache.c_str()) != 0)
-            return console.error("cannot read the plugin cache " + settings.cache), kPluginOrCache;
+        if (nox_init(settings.cache.c_str()) != 0) {
+            console.error("cannot read the plugin cache " + settings.cache);
+            return kPluginOrCache;
+        }
         console.show_plain_lines();
         return play(console, signals, elements, std::chrono::seconds(settings.time_limit));
     } catch (const NotationError &error) {
@@ -105,8 +118,7 @@ int run_notation(Console &console, Signals &signals, const Settings &settings)
     } catch (const PluginError &error) {
         return fail_at(console, text, error.place, error.message, kPluginOrCache);
     } catch (const SetupError &error) {
-        console.error(error.what());
-        return kFailed;
+        return fail_at(console, text, error.place, error.message, kFailed);
     }
 }
 
@@ -117,11 +129,27 @@ bool nothing_is_alive(Console &console)
     OSA_AliveGet(&alive);
     if (OSA_AliveIsNothing(&alive) != 0)
         return true;
-    console.error("still alive: " + std::to_string(alive.blocks + alive.pool_blocks) +
-                  " blocks of memory, " + std::to_string(alive.threads) + " threads, " +
-                  std::to_string(alive.libraries) + " libraries, " + std::to_string(alive.files) +
-                  " files, " + std::to_string(alive.mutexes + alive.events + alive.queues) +
-                  " mutexes, events and queues");
+    const struct {
+        uint64_t count;
+        const char *what;
+    } counts[] = {
+        {alive.blocks, "blocks of memory"},
+        {alive.bytes, "bytes in them"},
+        {alive.pool_blocks, "pool blocks"},
+        {alive.lists, "lists"},
+        {alive.list_nodes, "list nodes"},
+        {alive.queues, "queues"},
+        {alive.events, "events"},
+        {alive.mutexes, "mutexes"},
+        {alive.threads, "threads"},
+        {alive.libraries, "libraries"},
+        {alive.files, "files"},
+    };
+    std::string list;
+    for (const auto &[count, what] : counts)
+        if (count > 0)
+            list += (list.empty() ? "" : ", ") + std::to_string(count) + " " + what;
+    console.error("still alive: " + list);
     return false;
 }
 

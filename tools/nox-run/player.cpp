@@ -73,17 +73,24 @@ std::string without_line_feed(std::string text)
 
 } // namespace
 
-Player::Player(Console &console, Signals &signals, NOXPipe *pipe,
+Player::Player(Console &console, Signals &signals, Mailbox &mailbox, NOXPipe *pipe,
                const std::vector<GraphElement> &elements, seconds time_limit)
-    : console_(console), signals_(signals), pipe_(pipe), elements_(elements)
+    : console_(console), signals_(signals), mailbox_(mailbox), pipe_(pipe), elements_(elements)
 {
     if (time_limit.count() > 0)
         end_at_ = Clock::now() + time_limit;
     nox_pipe_set_bus_handler(pipe_, Mailbox::on_message, &mailbox_);
 }
 
+Player::~Player()
+{
+    nox_pipe_set_bus_handler(pipe_, nullptr, nullptr);
+}
+
 Outcome Player::play()
 {
+    if (console_.shows_progress())
+        position_source_ = find_position_source();
     // READY on the way is where a plugin can refuse what PLAY would hide: a file that
     // cannot be written, a stream it does not understand.
     nox_pipe_set_option(pipe_, NOX_PIPE_OPT_PLAY_VIA_READY);
@@ -102,9 +109,20 @@ Outcome Player::play()
     return *outcome_;
 }
 
+// The pipe goes no further than the first source that fails; a sink that closes its
+// file when it stops must be stopped all the same.
+void Player::stop_all()
+{
+    if (nox_pipe_set_state(pipe_, NOX_STATE_NULL) == 0)
+        return;
+    fail("the graph could not be brought back to NULL");
+    for (const GraphElement &element : elements_)
+        nox_plugin_setstate(element.plugin, NOX_STATE_NULL);
+}
+
 bool Player::finish()
 {
-    nox_pipe_set_state(pipe_, NOX_STATE_NULL);
+    stop_all();
     if (nox_plugin_error_post(&pipe_->plugin, kMarker, nullptr) != 0)
         return failed_;
     const Clock::time_point give_up = Clock::now() + kPatience;
@@ -113,7 +131,6 @@ bool Player::finish()
         poll(&ready, 1, static_cast<int>(kProgressInterval.count()));
         take_messages();
     }
-    nox_pipe_set_bus_handler(pipe_, nullptr, nullptr);
     return failed_;
 }
 
@@ -185,6 +202,16 @@ void Player::take_messages()
 {
     while (const std::optional<Message> message = mailbox_.take())
         handle(*message);
+    if (mailbox_.take_lost())
+        fail("messages of the bus were lost: no memory");
+}
+
+void Player::fail(const std::string &text)
+{
+    console_.error(text);
+    failed_ = true;
+    if (!outcome_)
+        outcome_ = Outcome::failed;
 }
 
 void Player::handle(const Message &message)
@@ -196,11 +223,8 @@ void Player::handle(const Message &message)
     const std::string text = code_name(message.code) + " from " + message.sender +
                              (message.text.empty() ? "" : ": " + without_line_feed(message.text));
     if (is_failure(message)) {
-        console_.error(text);
-        failed_ = true;
-        if (!outcome_)
-            outcome_ = Outcome::failed;
-        return;
+        option_refused_ = option_refused_ || message.code == PLUGIN_MSG_OPTION;
+        return fail(text);
     }
     if (!is_end_of_stream(message))
         return console_.note(text);
@@ -234,22 +258,33 @@ bool Player::is_failure(const Message &message) const
     return true;
 }
 
-// The position that the first source tells, or else the pipeline clock.
+// Before anything plays: a source that did not tell a position then need not be ready
+// to be asked while it works.
+NOXPlugin *Player::find_position_source() const
+{
+    for (const GraphElement &element : elements_) {
+        uint64_t position = 0;
+        const StructurePointer facts =
+            element.plugin->issrc != 0 ? query_format(element.plugin) : nullptr;
+        if (facts != nullptr &&
+            nox_structure_getvar_uint64(facts.get(), "stream.position", &position) == 0)
+            return element.plugin;
+    }
+    return nullptr;
+}
+
+// The position that the first source that has one tells, or else the pipeline clock.
 void Player::show_progress()
 {
     if (!console_.shows_progress() || outcome_)
         return;
     uint64_t position = nox_timer_gettime(pipe_->clock);
     uint64_t duration = 0;
-    for (const GraphElement &element : elements_) {
-        if (element.plugin->issrc == 0)
-            continue;
-        const StructurePointer facts = query_format(element.plugin);
-        if (facts == nullptr)
-            continue;
+    const StructurePointer facts =
+        position_source_ != nullptr ? query_format(position_source_) : nullptr;
+    if (facts != nullptr) {
         nox_structure_getvar_uint64(facts.get(), "stream.position", &position);
         nox_structure_getvar_uint64(facts.get(), "stream.duration", &duration);
-        break;
     }
     char text[64];
     std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(position) / 1000);
