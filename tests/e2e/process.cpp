@@ -10,6 +10,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -58,8 +59,10 @@ Result run(const std::vector<std::string> &command, const Meanwhile &meanwhile, 
     const std::string out = folder / "out";
     const std::string err = folder / "err";
     const pid_t child = fork();
-    if (child == 0)
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is stopped leaves no player behind
         become(command, out, err, largest_file);
+    }
     if (meanwhile)
         meanwhile(child, [&] { return read_file(err); });
     int status = 0;
