@@ -35,6 +35,16 @@ void print_banners()
                core_version_nox(), core_build_date(), core_build_time(), kPlain);
 }
 
+// A pool that is missing costs speed only: its records then come from the heap.
+void register_pools()
+{
+    for (const Pool &pool : kPools)
+        OSA_SMalloc_Register(pool.block_size, pool.name);
+    for (const Pool &pool : kPools)
+        if (!OSA_SMemIsReg(pool.block_size))
+            NOX_TRACE(OSA_TRACE_ERROR, "no pool (%s)\n", pool.name);
+}
+
 } // namespace
 
 int32_t nox_init(const char *cache_path)
@@ -47,10 +57,7 @@ int32_t nox_init(const char *cache_path)
     }
     OSA_SystemInit(sysenv_load);
     OSA_SMalloc_Init();
-    // A pool that cannot be registered costs speed only: its records then come
-    // from the heap.
-    for (const Pool &pool : kPools)
-        OSA_SMalloc_Register(pool.block_size, pool.name);
+    register_pools();
     return nox::plugin_cache_load(cache_path);
 }
 

@@ -91,10 +91,10 @@ void stop_control_thread(NOXPipe *pipe)
     Message exit_message = new_message();
     store_release(pipe->running, uint8_t{0});
     // Without the message the thread sees `running` when its wait ends.
-    if (exit_message) {
+    if (exit_message)
         exit_message->kind = NOX_PIPE_MSG_EXIT;
-        push(pipe, std::move(exit_message));
-    }
+    if (!exit_message || !push(pipe, std::move(exit_message)))
+        NOX_TRACE(OSA_TRACE_ERROR, "no exit message. pipe(%x)\n", low32(pipe));
     int32_t exit_value = 0;
     OSA_ThreadDelete(pipe->thread, &exit_value);
     uint32_t size = 0;

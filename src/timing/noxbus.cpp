@@ -188,8 +188,8 @@ int32_t nox_bus_finalize(void *object)
     NOX_TRACE(OSA_TRACE_INFO, "bus(%x)\n", nox::low32(bus));
     nox::store_release(bus->running, uint8_t{0});
     // Without the message the thread sees `running` when its wait ends.
-    if (exit_message)
-        push(bus, std::move(exit_message));
+    if (!exit_message || !push(bus, std::move(exit_message)))
+        NOX_TRACE(OSA_TRACE_ERROR, "no exit message. bus(%x)\n", nox::low32(bus));
     int32_t exit_value = 0;
     OSA_ThreadDelete(bus->thread, &exit_value);
     uint32_t size = 0;
