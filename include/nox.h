@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * nox: start-up, shut-down, and the registry through which plugins are found.
  *
  *     if (nox_init("/etc/noxplugins.cache") != 0)
@@ -24,47 +25,47 @@ extern "C" {
 
 struct NOXPlugin;
 
-/* Fills the slots of a new plugin's record; its result is not used. Called
+/** Fills the slots of a new plugin's record; its result is not used. Called
  * once for each instance, on the thread that creates it. */
 typedef int32_t (*NOXPluginInitFunc)(struct NOXPlugin *plugin);
 
-/* What plugin_desc fills, every field. The texts stay the library's own. */
+/** What plugin_desc fills, every field. The texts stay the library's own. */
 typedef struct NOXPluginDesc {
-    const char *name;   /* the plugin's own name, for diagnosis */
-    const char *author; /* for diagnosis */
-    int32_t size;       /* bytes of the plugin's whole record, at least sizeof(NOXPlugin) */
+    const char *name;   /**< the plugin's own name, for diagnosis */
+    const char *author; /**< for diagnosis */
+    int32_t size;       /**< bytes of the plugin's whole record, at least sizeof(NOXPlugin) */
     NOXPluginInitFunc init;
 } NOXPluginDesc;
 
-/* The function "plugin_desc" of a plugin library. */
+/** The function "plugin_desc" of a plugin library. */
 typedef void (*NOXPluginDescFunc)(NOXPluginDesc *desc);
 
-/* Prints the two version banners, brings the OS layer and the record pools up
+/** Prints the two version banners, brings the OS layer and the record pools up
  * and reads the plugin cache at `cache_path`. 0 on success and when the library
  * is initialised already (the file is not read again then). -1, after a level-1
  * trace, when the file cannot be opened or memory runs out; the registry is
  * empty then and nox_init may be called again. One thread, before anything else. */
 NOX_API int32_t nox_init(const char *cache_path);
 
-/* Frees the registry and takes pools and OS layer down. Every object must be
+/** Frees the registry and takes pools and OS layer down. Every object must be
  * gone. -1 when the library is not initialised. One thread, after all else. */
 NOX_API int32_t nox_deinit(void);
 
-/* The library path of the first cache entry named `name` (exact match), valid
+/** The library path of the first cache entry named `name` (exact match), valid
  * until nox_deinit, or null. Any thread. */
 NOX_API const char *nox_plugin_lookup(const char *name);
 
-/* Loads the library of the plugin `plugin_name` and returns a new plugin object
+/** Loads the library of the plugin `plugin_name` and returns a new plugin object
  * named `instance_name`, with one reference; nox_plugin_new completes what
  * this begins and is what applications call. Null, after a level-1 trace, when
  * the plugin is unknown or its library unfit; the library is not left loaded. */
 NOX_API struct NOXPlugin *nox_load_plugin(const char *plugin_name, const char *instance_name);
 
-/* The name that the plugin library at `path` gives itself, as a copy that the
+/** The name that the plugin library at `path` gives itself, as a copy that the
  * caller frees with free(). Null, after a level-1 trace, on failure. */
 NOX_API char *nox_plugin_getname(const char *path);
 
-/* For plugin libraries only: each defines this function. The record is the
+/** For plugin libraries only: each defines this function. The record is the
  * caller's and is valid during the call. */
 NOX_API void plugin_desc(NOXPluginDesc *desc);
 

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * noxbasefilter: what a filter plugin is built on. It forwards each plugin
  * operation to the derived filter's function, with a fixed answer where there
  * is none. The filter's chain function pushes its output on:
@@ -39,26 +40,26 @@ typedef int32_t (*NOXBaseFilterEventFunc)(NOXBaseFilter *filter, NOXEvent *event
 
 struct NOXBaseFilter {
     NOXPlugin plugin;
-    NOXBaseFilterFormatFunc setformat_func;  /* optional: 0 without */
-    NOXBaseFilterFormatFunc getformat_func;  /* optional: 0 without */
-    NOXBaseFilterFunc start_func;            /* optional: 0 without */
-    NOXBaseFilterFunc stop_func;             /* optional: 0 without */
-    NOXBaseFilterChainFunc chain_func;       /* -1 without; the buffer is lent for the call */
-    NOXBaseFilterFunc finalize_func;         /* -1 without */
-    NOXBaseFilterAllocatorFunc alloca_func;  /* optional: offers no allocator without */
-    NOXBaseFilterEventFunc event_func;       /* optional: 0 without */
-    NOXBaseFilterSetStateFunc setstate_func; /* -1 without */
+    NOXBaseFilterFormatFunc setformat_func;  /**< optional: 0 without */
+    NOXBaseFilterFormatFunc getformat_func;  /**< optional: 0 without */
+    NOXBaseFilterFunc start_func;            /**< optional: 0 without */
+    NOXBaseFilterFunc stop_func;             /**< optional: 0 without */
+    NOXBaseFilterChainFunc chain_func;       /**< -1 without; the buffer is lent for the call */
+    NOXBaseFilterFunc finalize_func;         /**< -1 without */
+    NOXBaseFilterAllocatorFunc alloca_func;  /**< optional: offers no allocator without */
+    NOXBaseFilterEventFunc event_func;       /**< optional: 0 without */
+    NOXBaseFilterSetStateFunc setstate_func; /**< -1 without */
 };
 
-/* Initialises the plugin part and installs the base operations in the plugin's
+/** Initialises the plugin part and installs the base operations in the plugin's
  * slots. Called by the plugin's init function. Non-zero, after a level-1 trace,
  * with nothing installed. */
 NOX_API int32_t nox_basefilter_init(NOXBaseFilter *filter);
 
-/* Size in bytes of NOXBaseFilter. */
+/** Size in bytes of NOXBaseFilter. */
 NOX_API uint32_t nox_basefilter_get_size(void);
 
-/* Slot operations, called through the plugin operations, by the push and by the
+/** Slot operations, called through the plugin operations, by the push and by the
  * upstream plugin's request for an allocator. A failing start or event function
  * is answered with -1. */
 NOX_API int32_t nox_basefilter_setformat(NOXPlugin *filter, NOXStructure *format);

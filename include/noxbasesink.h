@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * noxbasesink: what a sink plugin is built on. The plugin supplies a function
  * that consumes one buffer; the base sink holds each buffer back until the
  * pipeline clock reaches its timestamp, measures the throughput, and tells the
@@ -39,39 +40,39 @@ typedef int32_t (*NOXBaseSinkEventFunc)(NOXBaseSink *sink, NOXEvent *event);
 
 struct NOXBaseSink {
     NOXPlugin plugin;
-    uint8_t sync;  /* hold each buffer until the clock reaches its timestamp; 0 */
-    uint8_t clock; /* value of the option, for the derived sink */
-    NOXBaseSinkFormatFunc setformat_func;  /* optional; the derived sink's own options */
-    NOXBaseSinkFormatFunc getformat_func;  /* optional */
-    NOXBaseSinkSetStateFunc setstate_func; /* optional */
-    NOXBaseSinkFunc start_func;            /* optional; its result is ignored */
-    NOXBaseSinkFunc stop_func;             /* optional; its result is ignored */
-    NOXBaseSinkRenderFunc render_func;     /* required; the buffer is lent for the call */
-    NOXBaseSinkSyncFunc sync_func;         /* optional; with `sync`, instead of the clock wait */
-    NOXBaseSinkFunc finalize_func;         /* optional */
-    NOXBaseSinkEventFunc event_func;       /* optional */
-    uint8_t verbose;                       /* measure and print throughput; 0 */
-    uint32_t frames;                       /* buffers in the current period */
-    uint64_t firstts;    /* ms: timestamp at which the period began; 0: none yet */
-    uint64_t bytes;      /* data in the current period */
-    int32_t *rateoutvar; /* receives the frame rate, rounded, at every report; or null */
-    int32_t targetbps;   /* expected bit/s; 0: none */
-    int32_t targetfps;   /* expected frames/s; 0: none */
-    uint8_t dataready;   /* a buffer has arrived since it was last stopped */
-    uint8_t report;      /* post one first-data message; 0 */
-    uint8_t eos;         /* end of stream has arrived; never cleared */
-    uint8_t discont;     /* stopped since the last buffer waited for the clock */
+    uint8_t sync;  /**< hold each buffer until the clock reaches its timestamp; 0 */
+    uint8_t clock; /**< value of the option, for the derived sink */
+    NOXBaseSinkFormatFunc setformat_func;  /**< optional; the derived sink's own options */
+    NOXBaseSinkFormatFunc getformat_func;  /**< optional */
+    NOXBaseSinkSetStateFunc setstate_func; /**< optional */
+    NOXBaseSinkFunc start_func;            /**< optional; its result is ignored */
+    NOXBaseSinkFunc stop_func;             /**< optional; its result is ignored */
+    NOXBaseSinkRenderFunc render_func;     /**< required; the buffer is lent for the call */
+    NOXBaseSinkSyncFunc sync_func;         /**< optional; with `sync`, instead of the clock wait */
+    NOXBaseSinkFunc finalize_func;         /**< optional */
+    NOXBaseSinkEventFunc event_func;       /**< optional */
+    uint8_t verbose;                       /**< measure and print throughput; 0 */
+    uint32_t frames;                       /**< buffers in the current period */
+    uint64_t firstts;    /**< ms: timestamp at which the period began; 0: none yet */
+    uint64_t bytes;      /**< data in the current period */
+    int32_t *rateoutvar; /**< receives the frame rate, rounded, at every report; or null */
+    int32_t targetbps;   /**< expected bit/s; 0: none */
+    int32_t targetfps;   /**< expected frames/s; 0: none */
+    uint8_t dataready;   /**< a buffer has arrived since it was last stopped */
+    uint8_t report;      /**< post one first-data message; 0 */
+    uint8_t eos;         /**< end of stream has arrived; never cleared */
+    uint8_t discont;     /**< stopped since the last buffer waited for the clock */
 };
 
-/* Initialises the plugin part, marks it a sink, installs the base operations in
+/** Initialises the plugin part, marks it a sink, installs the base operations in
  * the plugin's slots. Called by the plugin's init function. The result is that
  * of the plugin part. */
 NOX_API int32_t nox_basesink_init(NOXBaseSink *sink);
 
-/* Size in bytes of NOXBaseSink. */
+/** Size in bytes of NOXBaseSink. */
 NOX_API uint32_t nox_basesink_get_size(void);
 
-/* Reads the options that are present in the format (a missing one changes
+/** Reads the options that are present in the format (a missing one changes
  * nothing), then calls setformat_func, whose result it returns (0 without one):
  *
  *     verbose    bool   print frame and bit rate every 5 s of stream time
@@ -84,7 +85,7 @@ NOX_API uint32_t nox_basesink_get_size(void);
  */
 NOX_API int32_t nox_basesink_setformat(NOXPlugin *sink, NOXStructure *format);
 
-/* Slot operations, called through the plugin operations and by the push. */
+/** Slot operations, called through the plugin operations and by the push. */
 NOX_API int32_t nox_basesink_getformat(NOXPlugin *sink, NOXStructure *format);
 NOX_API int32_t nox_basesink_setstate(NOXPlugin *sink, int32_t state);
 NOX_API int32_t nox_basesink_start(NOXPlugin *sink);
@@ -92,11 +93,11 @@ NOX_API int32_t nox_basesink_stop(NOXPlugin *sink);
 NOX_API int32_t nox_basesink_finalize(NOXPlugin *sink);
 NOX_API int32_t nox_basesink_event(NOXPlugin *sink, NOXEvent *event);
 
-/* Takes one buffer, on the pushing thread: measures, waits for the clock, and
+/** Takes one buffer, on the pushing thread: measures, waits for the clock, and
  * returns what render_func answers. */
 NOX_API int32_t nox_basesink_chain(NOXPlugin *sink, NOXBuffer *buffer);
 
-/* What the pipe asks of its sinks, on any thread. */
+/** What the pipe asks of its sinks, on any thread. */
 NOX_API uint8_t nox_basesink_get_dataready(NOXPlugin *sink);
 NOX_API uint8_t nox_basesink_get_eos(NOXPlugin *sink);
 

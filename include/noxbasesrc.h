@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * noxbasesrc: what a source plugin is built on. The plugin supplies a function
  * that returns one buffer each time; the base source runs a thread that calls
  * it, stamps live buffers with the pipeline clock, pushes them downstream, parks
@@ -33,13 +34,13 @@
 extern "C" {
 #endif
 
-/* Error policies (option "errhandle"): what a live source does when create_func
+/** Error policies (option "errhandle"): what a live source does when create_func
  * returns null. */
 enum {
-    NOX_ERRHANDLE_QUIT = 0,      /* post, and end the thread past `errcount` failures */
-    NOX_ERRHANDLE_RETRY = 1,     /* go on at once, and post past `errcount` failures */
-    NOX_ERRHANDLE_RESTART = 2,   /* post, stop, wait for the group, start again */
-    NOX_ERRHANDLE_DONT_CARE = -1 /* go on after 100 ms */
+    NOX_ERRHANDLE_QUIT = 0,      /**< post, and end the thread past `errcount` failures */
+    NOX_ERRHANDLE_RETRY = 1,     /**< go on at once, and post past `errcount` failures */
+    NOX_ERRHANDLE_RESTART = 2,   /**< post, stop, wait for the group, start again */
+    NOX_ERRHANDLE_DONT_CARE = -1 /**< go on after 100 ms */
 };
 
 typedef struct NOXBaseSrc NOXBaseSrc;
@@ -53,49 +54,49 @@ typedef int32_t (*NOXBaseSrcEventFunc)(NOXBaseSrc *source, NOXEvent *event);
 
 struct NOXBaseSrc {
     NOXPlugin plugin;
-    OSA_Thread *thread;  /* the source thread; null when none runs */
-    uint32_t stacksize;  /* bytes of the thread's stack; 0x20000 */
-    uint32_t priority;   /* of the thread; 0: default scheduling */
-    uint8_t dataready;   /* live: has produced its first buffer; never cleared */
-    uint8_t waitallsrc;  /* hold the first buffer back until every source has data; 1 */
-    uint8_t islive;      /* stamp with the clock, apply the error policy; 1 */
-    uint8_t usethread;   /* 1; a source that produces in a context of its own clears it */
-    uint64_t lastts;     /* ms: timestamp of the previous buffer; 0: none */
-    uint32_t maxframes;  /* end of stream after so many buffers; 0: no limit */
-    uint32_t framecount; /* buffers pushed while there is a limit */
-    uint8_t eos;         /* end of stream reached, or quit */
-    uint8_t restartreq;  /* set by a restarting member of its group; the derived source reads it */
-    int32_t errhandle;   /* NOX_ERRHANDLE_ */
-    int32_t errcount;    /* consecutive failures tolerated */
-    void *errcallback;   /* value of the option, for the derived source */
-    uint8_t pausewait;   /* a pause waits for the thread's acknowledgement */
-    OSA_Event *pauseevent;       /* that acknowledgement; live sources, between start and stop */
-    NOXBaseSrcFunc start_func;   /* optional; 0 is success */
-    NOXBaseSrcFunc prestop_func; /* optional; on stop, before the thread is ended */
-    NOXBaseSrcFunc stop_func;    /* optional; on stop, after the thread has ended */
-    NOXBaseSrcSetStateFunc setstate_func; /* optional */
-    NOXBaseSrcCreateFunc create_func;     /* required with a thread: the next buffer, one
+    OSA_Thread *thread;  /**< the source thread; null when none runs */
+    uint32_t stacksize;  /**< bytes of the thread's stack; 0x20000 */
+    uint32_t priority;   /**< of the thread; 0: default scheduling */
+    uint8_t dataready;   /**< live: has produced its first buffer; never cleared */
+    uint8_t waitallsrc;  /**< hold the first buffer back until every source has data; 1 */
+    uint8_t islive;      /**< stamp with the clock, apply the error policy; 1 */
+    uint8_t usethread;   /**< 1; a source that produces in a context of its own clears it */
+    uint64_t lastts;     /**< ms: timestamp of the previous buffer; 0: none */
+    uint32_t maxframes;  /**< end of stream after so many buffers; 0: no limit */
+    uint32_t framecount; /**< buffers pushed while there is a limit */
+    uint8_t eos;         /**< end of stream reached, or quit */
+    uint8_t restartreq; /**< set by a restarting member of its group; the derived source reads it */
+    int32_t errhandle;  /**< NOX_ERRHANDLE_ */
+    int32_t errcount;   /**< consecutive failures tolerated */
+    void *errcallback;  /**< value of the option, for the derived source */
+    uint8_t pausewait;  /**< a pause waits for the thread's acknowledgement */
+    OSA_Event *pauseevent;       /**< that acknowledgement; live sources, between start and stop */
+    NOXBaseSrcFunc start_func;   /**< optional; 0 is success */
+    NOXBaseSrcFunc prestop_func; /**< optional; on stop, before the thread is ended */
+    NOXBaseSrcFunc stop_func;    /**< optional; on stop, after the thread has ended */
+    NOXBaseSrcSetStateFunc setstate_func; /**< optional */
+    NOXBaseSrcCreateFunc create_func;     /**< required with a thread: the next buffer, one
                                              reference handed over; null: nothing captured */
-    NOXBaseSrcPostPushFunc postpush_func; /* optional; after each buffer pushed */
-    NOXBaseSrcFunc finalize_func;         /* optional, but without it finalize is -1 */
-    NOXBaseSrcFormatFunc setformat_func;  /* optional; the derived source's own options */
-    NOXBaseSrcFormatFunc getformat_func;  /* optional */
-    NOXBaseSrcEventFunc event_func;       /* optional */
-    uint8_t privatets;                    /* live: create_func stamps its buffers itself */
-    uint8_t threadended_;                 /* internal: the thread will acknowledge no more pauses */
-    uint8_t parked_;                      /* internal: the thread waits for state_event */
-    uint8_t held_;                        /* internal: paused, and not let go since */
+    NOXBaseSrcPostPushFunc postpush_func; /**< optional; after each buffer pushed */
+    NOXBaseSrcFunc finalize_func;         /**< optional, but without it finalize is -1 */
+    NOXBaseSrcFormatFunc setformat_func;  /**< optional; the derived source's own options */
+    NOXBaseSrcFormatFunc getformat_func;  /**< optional */
+    NOXBaseSrcEventFunc event_func;       /**< optional */
+    uint8_t privatets;                    /**< live: create_func stamps its buffers itself */
+    uint8_t threadended_; /**< internal: the thread will acknowledge no more pauses */
+    uint8_t parked_;      /**< internal: the thread waits for state_event */
+    uint8_t held_;        /**< internal: paused, and not let go since */
 };
 
-/* Initialises the plugin part, marks it a source, installs the base operations
+/** Initialises the plugin part, marks it a source, installs the base operations
  * in the plugin's slots and sets the defaults. Called by the plugin's init
  * function. Non-zero, after a level-1 trace, with nothing set. */
 NOX_API int32_t nox_basesrc_init(NOXBaseSrc *source);
 
-/* Size in bytes of NOXBaseSrc. */
+/** Size in bytes of NOXBaseSrc. */
 NOX_API uint32_t nox_basesrc_get_size(void);
 
-/* Reads the options that are present in the format (a missing one changes
+/** Reads the options that are present in the format (a missing one changes
  * nothing), then calls setformat_func, whose result it returns (0 without one):
  *
  *     priority    uint32  scheduling priority of the thread
@@ -109,10 +110,10 @@ NOX_API uint32_t nox_basesrc_get_size(void);
  */
 NOX_API int32_t nox_basesrc_setformat(NOXPlugin *source, NOXStructure *format);
 
-/* getformat_func's result; 0 without one. */
+/** getformat_func's result; 0 without one. */
 NOX_API int32_t nox_basesrc_getformat(NOXPlugin *source, NOXStructure *format);
 
-/* Slot operations, called through nox_plugin_start, _stop, _setstate, _setevent
+/** Slot operations, called through nox_plugin_start, _stop, _setstate, _setevent
  * and by the last release. Start runs the derived start and then the thread;
  * stop joins the thread (a create or chain function in progress is waited for)
  * and runs the derived stop; a pause returns when the thread is parked. */
@@ -122,13 +123,13 @@ NOX_API int32_t nox_basesrc_setstate(NOXPlugin *source, int32_t state);
 NOX_API int32_t nox_basesrc_event(NOXPlugin *source, NOXEvent *event);
 NOX_API int32_t nox_basesrc_finalize(NOXPlugin *source);
 
-/* create_func's buffer; its one reference is the caller's. */
+/** create_func's buffer; its one reference is the caller's. */
 NOX_API NOXBuffer *nox_basesrc_buf_create(NOXBaseSrc *source);
 
-/* The source thread's body (takes a NOXBaseSrc). */
+/** The source thread's body (takes a NOXBaseSrc). */
 NOX_API int32_t nox_basesrc_loop(void *source);
 
-/* What the pipe asks of its sources, on any thread: has data; has ended; has
+/** What the pipe asks of its sources, on any thread: has data; has ended; has
  * stopped (not live: ended; live: has no data yet). */
 NOX_API uint8_t nox_basesrc_get_dataready(NOXPlugin *source);
 NOX_API uint8_t nox_basesrc_get_eos(NOXPlugin *source);

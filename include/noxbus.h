@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * noxbus: carries messages from plugins and the pipe to the application without
  * holding up whoever posts. A post copies the message onto a queue; the bus's
  * own thread hands the messages to the application's handler one at a time, in
@@ -21,60 +22,60 @@
 extern "C" {
 #endif
 
-/* Message codes of the library. Plugins may post codes of their own. */
-#define NOX_MSG_STARTED 1              /* a live source's first data, or its recovery */
-#define NOX_MSG_EOS 3                  /* end of stream */
-#define NOX_MSG_SINK 5                 /* a sink's first data, on request (option "report") */
-#define NOX_MSG_PUSH_ERROR 0x40        /* a live source could not push; its thread ended */
-#define NOX_MSG_CAPTURE_ERROR 0x43     /* a live source could not capture */
-#define NOX_MSG_BUS_CRITICAL 0x2000000 /* a foreign item on the bus queue; the bus stopped */
-#define NOX_MSG_BUS_EXIT ((int32_t)0xF0000000u) /* internal: ends the bus thread */
+/** Message codes of the library. Plugins may post codes of their own. */
+#define NOX_MSG_STARTED 1              /**< a live source's first data, or its recovery */
+#define NOX_MSG_EOS 3                  /**< end of stream */
+#define NOX_MSG_SINK 5                 /**< a sink's first data, on request (option "report") */
+#define NOX_MSG_PUSH_ERROR 0x40        /**< a live source could not push; its thread ended */
+#define NOX_MSG_CAPTURE_ERROR 0x43     /**< a live source could not capture */
+#define NOX_MSG_BUS_CRITICAL 0x2000000 /**< a foreign item on the bus queue; the bus stopped */
+#define NOX_MSG_BUS_EXIT ((int32_t)0xF0000000u) /**< internal: ends the bus thread */
 
 typedef struct NOXBus NOXBus;
 
-/* The application's handler. `name` (of the poster) and `text` may be null and
+/** The application's handler. `name` (of the poster) and `text` may be null and
  * are freed when it returns. Its result is ignored. */
 typedef int32_t (*NoxBusHandler)(NOXBus *bus, void *handler_data, const char *name, int32_t code,
                                  const char *text);
 
 struct NOXBus {
     NOXObject object;
-    void *parent;          /* the pipe that owns the bus; not referenced */
-    OSA_Queue *queue;      /* of NOXBusMsg */
-    NoxBusHandler handler; /* or null: messages are dropped */
-    OSA_Thread *thread;    /* the bus thread */
-    uint8_t running;       /* the bus thread goes on while it is set */
-    uint8_t reserved_[3];  /* internal: padding */
-    uint32_t handlerseq_;  /* internal: odd while handler and handler_data change */
-    void *handler_data;    /* second argument of the handler */
+    void *parent;          /**< the pipe that owns the bus; not referenced */
+    OSA_Queue *queue;      /**< of NOXBusMsg */
+    NoxBusHandler handler; /**< or null: messages are dropped */
+    OSA_Thread *thread;    /**< the bus thread */
+    uint8_t running;       /**< the bus thread goes on while it is set */
+    uint8_t reserved_[3];  /**< internal: padding */
+    uint32_t handlerseq_;  /**< internal: odd while handler and handler_data change */
+    void *handler_data;    /**< second argument of the handler */
 };
 
-/* One message on its way; the queue owns it. */
+/** One message on its way; the queue owns it. */
 typedef struct NOXBusMsg {
-    char *name; /* owned, may be null */
+    char *name; /**< owned, may be null */
     int32_t code;
-    char *text; /* owned, may be null */
+    char *text; /**< owned, may be null */
 } NOXBusMsg;
 
-/* A new bus with one reference and its thread running; its queue takes `name`.
+/** A new bus with one reference and its thread running; its queue takes `name`.
  * Null, after a level-1 trace, when any part of it cannot be made. */
 NOX_API NOXBus *nox_bus_new(const char *name);
 
-/* The pipe that a plugin of this bus belongs to: stored and returned. */
+/** The pipe that a plugin of this bus belongs to: stored and returned. */
 NOX_API int32_t nox_bus_set_parent(NOXBus *bus, void *parent);
 NOX_API void *nox_bus_get_parent(NOXBus *bus);
 
-/* Sets the handler and its argument, always seen as a pair; null for none.
+/** Sets the handler and its argument, always seen as a pair; null for none.
  * Messages taken off the queue before are not replayed. The old handler may still
  * be running, once, with its old data when this returns. Any thread, any time; 0. */
 NOX_API int32_t nox_bus_set_handler(NOXBus *bus, NoxBusHandler handler, void *handler_data);
 
-/* Posts a message; `name` and `text` are copied and may be null. Never waits
+/** Posts a message; `name` and `text` are copied and may be null. Never waits
  * for the handler. -1, after a level-1 trace and with nothing queued, when
  * memory runs out. Any thread. */
 NOX_API int32_t nox_bus_post_error(NOXBus *bus, const char *name, int32_t code, const char *text);
 
-/* The bus thread's body and the object finalizer of a bus (both take a NOXBus).
+/** The bus thread's body and the object finalizer of a bus (both take a NOXBus).
  * Not for applications: release a bus with nox_object_delete. */
 NOX_API int32_t nox_bus_loop(void *bus);
 NOX_API int32_t nox_bus_finalize(void *bus);

@@ -1,4 +1,4 @@
-/* noxcore: the whole public interface of libnoxcore. */
+/** @file noxcore: the whole public interface of libnoxcore. */
 #ifndef NOX_NOXCORE_H
 #define NOX_NOXCORE_H
 

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * noxmemory: one contiguous run of media bytes, owned or borrowed.
  *
  * Owned: nox_memory_new(size) allocates the bytes and frees them with the block.
@@ -25,27 +26,27 @@ extern "C" {
 
 typedef struct NOXMemory NOXMemory;
 
-/* The creator's release hook, called once with the block by the last release,
+/** The creator's release hook, called once with the block by the last release,
  * before owned bytes are freed, on the releasing thread. Non-zero is traced. */
 typedef int32_t (*NOXMemoryFinalizeFunc)(NOXMemory *memory);
 
 struct NOXMemory {
     NOXObject object;
-    uint32_t datasize;  /* valid bytes at data */
-    uint32_t allocsize; /* bytes owned at data; 0: data is borrowed */
+    uint32_t datasize;  /**< valid bytes at data */
+    uint32_t allocsize; /**< bytes owned at data; 0: data is borrowed */
     uint8_t *data;
-    void *private_;                      /* the creator's own value */
-    NOXMemoryFinalizeFunc finalize_func; /* or null */
+    void *private_;                      /**< the creator's own value */
+    NOXMemoryFinalizeFunc finalize_func; /**< or null */
 };
 
-/* A new block with one reference. `size` above 0 allocates that many zero bytes;
+/** A new block with one reference. `size` above 0 allocates that many zero bytes;
  * with 0 it carries none yet. Null, after a level-1 trace, on failure. */
 NOX_API NOXMemory *nox_memory_new(uint32_t size);
 
-/* Size in bytes of NOXMemory. */
+/** Size in bytes of NOXMemory. */
 NOX_API uint32_t nox_memory_get_size(void);
 
-/* Accessors: they only read and store. Setting `data` of a block that owns its
+/** Accessors: they only read and store. Setting `data` of a block that owns its
  * bytes makes the block free the new pointer at its end. Setting the data size
  * returns the size set; the other setters return 0. */
 NOX_API uint8_t *nox_memory_get_data(NOXMemory *memory);

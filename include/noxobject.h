@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * noxobject: the header that every record of the library begins with.
  *
  * A plugin, a pipe, a bus, a clock, an allocator, a buffer, a memory block and
@@ -31,20 +32,20 @@
 extern "C" {
 #endif
 
-/* A record's destructor, called once with the object by the last
+/** A record's destructor, called once with the object by the last
  * nox_object_delete. Non-zero is traced; the record is released all the same. */
 typedef int32_t (*NOXObjectFinalizeFunc)(void *object);
 
-/* The header. Read its fields freely; write them through the operations. */
+/** The header. Read its fields freely; write them through the operations. */
 typedef struct NOXObject {
-    uint32_t size;                  /* bytes of the whole record, this header included */
-    uint8_t origin_;                /* internal: where the record's memory came from */
-    char *name;                     /* never null; fixed at creation */
-    uint32_t refcount;              /* holders; changed atomically */
-    void *parent;                   /* the owner, or null; no reference is held */
-    OSA_Mutex *mutex;               /* of a lockable object, else null */
-    NOXObjectFinalizeFunc finalize; /* or null */
-    OSA_Library *library;           /* the library a plugin came from, else null */
+    uint32_t size;                  /**< bytes of the whole record, this header included */
+    uint8_t origin_;                /**< internal: where the record's memory came from */
+    char *name;                     /**< never null; fixed at creation */
+    uint32_t refcount;              /**< holders; changed atomically */
+    void *parent;                   /**< the owner, or null; no reference is held */
+    OSA_Mutex *mutex;               /**< of a lockable object, else null */
+    NOXObjectFinalizeFunc finalize; /**< or null */
+    OSA_Library *library;           /**< the library a plugin came from, else null */
 } NOXObject;
 
 /*
@@ -53,7 +54,7 @@ typedef struct NOXObject {
  * be made on any thread that holds a reference.
  */
 
-/* A new record of `size` bytes (at least sizeof(NOXObject)), zero after its
+/** A new record of `size` bytes (at least sizeof(NOXObject)), zero after its
  * header, with one reference that the caller owns. `name` is copied; null
  * names it "unknown". A non-zero `lockable` gives it a mutex. A record that is
  * not lockable and has exactly the size of a registered pool comes from that
@@ -61,39 +62,39 @@ typedef struct NOXObject {
  * or mutex cannot be had. */
 NOX_API void *nox_object_new(uint32_t size, const char *name, uint8_t lockable);
 
-/* Takes one more reference; returns `object`. */
+/** Takes one more reference; returns `object`. */
 NOX_API void *nox_object_refer(void *object);
 
-/* Gives one reference back (null is ignored). The last one runs the finalizer,
+/** Gives one reference back (null is ignored). The last one runs the finalizer,
  * destroys the mutex, unloads the plugin library and releases the record, on
  * the calling thread. */
 NOX_API void nox_object_delete(void *object);
 
-/* The count at this moment; other threads may change it at once. */
+/** The count at this moment; other threads may change it at once. */
 NOX_API uint32_t nox_object_get_refcount(void *object);
 
-/* A copy of the name that the caller frees with free(), or null when there is
+/** A copy of the name that the caller frees with free(), or null when there is
  * no memory for one. */
 NOX_API char *nox_object_get_name(void *object);
 
-/* Returns 0 and changes nothing: a name is fixed at creation. */
+/** Returns 0 and changes nothing: a name is fixed at creation. */
 NOX_API int32_t nox_object_set_name(void *object, const char *name);
 
-/* The owner: stored and returned as given, without a reference. */
+/** The owner: stored and returned as given, without a reference. */
 NOX_API int32_t nox_object_set_parent(void *object, void *parent);
 NOX_API void *nox_object_get_parent(void *object);
 
-/* Locks and unlocks the object's recursive mutex, waiting without limit. -1,
+/** Locks and unlocks the object's recursive mutex, waiting without limit. -1,
  * after a level-1 trace, for an object that is not lockable. */
 NOX_API int32_t nox_object_lock(void *object);
 NOX_API int32_t nox_object_unlock(void *object);
 
-/* The finalizer. Setting one where one is set replaces it, after a level-1
+/** The finalizer. Setting one where one is set replaces it, after a level-1
  * trace; returns 0. */
 NOX_API NOXObjectFinalizeFunc nox_object_get_finalize_func(void *object);
 NOX_API int32_t nox_object_set_finalize_func(void *object, NOXObjectFinalizeFunc finalize);
 
-/* Size in bytes of NOXObject. */
+/** Size in bytes of NOXObject. */
 NOX_API uint32_t nox_object_get_size(void);
 
 #ifdef __cplusplus

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * noxpipe: the container a media graph is built in. It owns the member plugins,
  * a message bus, the pipeline clock and a control thread, and drives the whole
  * graph through the states.
@@ -28,136 +29,136 @@
 extern "C" {
 #endif
 
-/* Option bits of nox_pipe_set_option. */
-#define NOX_PIPE_OPT_REVERSE_NULL 1u   /* go to NULL by member position, last to first */
-#define NOX_PIPE_OPT_PLAY_VIA_READY 2u /* make NULL to PLAY two changes, READY between */
+/** Option bits of nox_pipe_set_option. */
+#define NOX_PIPE_OPT_REVERSE_NULL 1u   /**< go to NULL by member position, last to first */
+#define NOX_PIPE_OPT_PLAY_VIA_READY 2u /**< make NULL to PLAY two changes, READY between */
 
-/* Value of NOXPipeMsg.kind that ends the control thread. */
+/** Value of NOXPipeMsg.kind that ends the control thread. */
 #define NOX_PIPE_MSG_EXIT 0xF0000000u
 
 typedef struct NOXPipe {
-    NOXPlugin plugin;     /* its state is the pipe's; its bus is the pipe's first reference */
-    OSA_List *plugins;    /* members (NOXPlugin) in the order of adding; one reference each */
-    NOXBus *busref;       /* the second reference to the bus; handed to members */
-    NOXTimer *clock;      /* the pipeline clock "default"; handed to members */
-    uint64_t basereftime; /* ms: clock reading when PLAY was last reached */
-    void *clocksrc;       /* the application's own */
-    float clockrate;      /* last rate set; 0.0 until then */
-    uint32_t option;      /* NOX_PIPE_OPT_ bits */
-    uint8_t running;      /* the control thread goes on while it is set */
-    OSA_Thread *thread;   /* the control thread */
-    OSA_Queue *msgq;      /* its requests (NOXPipeMsg) */
+    NOXPlugin plugin;     /**< its state is the pipe's; its bus is the pipe's first reference */
+    OSA_List *plugins;    /**< members (NOXPlugin) in the order of adding; one reference each */
+    NOXBus *busref;       /**< the second reference to the bus; handed to members */
+    NOXTimer *clock;      /**< the pipeline clock "default"; handed to members */
+    uint64_t basereftime; /**< ms: clock reading when PLAY was last reached */
+    void *clocksrc;       /**< the application's own */
+    float clockrate;      /**< last rate set; 0.0 until then */
+    uint32_t option;      /**< NOX_PIPE_OPT_ bits */
+    uint8_t running;      /**< the control thread goes on while it is set */
+    OSA_Thread *thread;   /**< the control thread */
+    OSA_Queue *msgq;      /**< its requests (NOXPipeMsg) */
 } NOXPipe;
 
-/* Called on the control thread when an asynchronous change is done; `result` is
+/** Called on the control thread when an asynchronous change is done; `result` is
  * what nox_pipe_set_state returned. Its own result is ignored. */
 typedef int32_t (*NoxPipeAsyncCallback)(NOXPipe *pipe, int32_t state, int32_t result);
 
-/* A request on its way to the control thread, which frees it. */
+/** A request on its way to the control thread, which frees it. */
 typedef struct NOXPipeMsg {
     NOXPipe *pipe;
-    uint32_t kind; /* NOX_PIPE_MSG_EXIT, or any other value: a state change */
+    uint32_t kind; /**< NOX_PIPE_MSG_EXIT, or any other value: a state change */
     int32_t state;
-    NoxPipeAsyncCallback callback; /* or null */
+    NoxPipeAsyncCallback callback; /**< or null */
 } NOXPipeMsg;
 
 /* ---- the pipe and its members -------------------------------------------- */
 
-/* A new pipe in NULL without members, with one reference, its bus, clock and
+/** A new pipe in NULL without members, with one reference, its bus, clock and
  * control thread. Null, with everything released and a level-1 trace, when any
  * part cannot be made. */
 NOX_API NOXPipe *nox_pipe_new(const char *name);
 
-/* Size in bytes of NOXPipe. */
+/** Size in bytes of NOXPipe. */
 NOX_API uint32_t nox_pipe_get_size(void);
 
-/* The object finalizer of a pipe (takes a NOXPipe). Not for applications. */
+/** The object finalizer of a pipe (takes a NOXPipe). Not for applications. */
 NOX_API int32_t nox_pipe_finalize(void *pipe);
 
-/* Adds a plugin, taking over the caller's reference, and hands it bus, clock and
+/** Adds a plugin, taking over the caller's reference, and hands it bus, clock and
  * parent. A plugin belongs to one pipe, once; this is not checked. -1, the
  * caller keeping its reference, for null or when memory runs out. */
 NOX_API int32_t nox_pipe_add_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
-/* The same for several, ended by a null pointer; those before a failure stay. */
+/** The same for several, ended by a null pointer; those before a failure stay. */
 NOX_API int32_t nox_pipe_add_plugin_many(NOXPipe *pipe, NOXPlugin *plugin, ...);
 
-/* Removes a member; its reference passes back to the caller, and it keeps bus,
+/** Removes a member; its reference passes back to the caller, and it keeps bus,
  * clock, parent and links. 0 whether or not it was a member; -1 for null. */
 NOX_API int32_t nox_pipe_del_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
-/* Removes the chain that `plugin` is part of, from its source along branch 0,
+/** Removes the chain that `plugin` is part of, from its source along branch 0,
  * and releases all of it but the last plugin, which passes to the caller. -1,
  * nothing changed, when the chain has no source. */
 NOX_API int32_t nox_pipe_del_linked_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
-/* Replaces the option bits; 0. */
+/** Replaces the option bits; 0. */
 NOX_API int32_t nox_pipe_set_option(NOXPipe *pipe, uint32_t bits);
 
-/* Sets the bus's handler and its argument; 0. Any thread. */
+/** Sets the bus's handler and its argument; 0. Any thread. */
 NOX_API int32_t nox_pipe_set_bus_handler(NOXPipe *pipe, NoxBusHandler handler, void *handler_data);
 
-/* Traces and counts the members that are not linked: sinks without an upstream
+/** Traces and counts the members that are not linked: sinks without an upstream
  * plugin, others without a downstream one. */
 NOX_API int32_t nox_pipe_debug_unused_plugin(NOXPipe *pipe);
 
 /* ---- states and events --------------------------------------------------- */
 
-/* Brings every plugin to `state`: upward the plugins downstream of the sources
+/** Brings every plugin to `state`: upward the plugins downstream of the sources
  * first, downward the sources first; then the clock is started (PLAY) or stopped
  * (PAUSE, NULL). -1 when a plugin refused or there is no source: no rollback,
  * plugins already changed keep the new state, and so does the pipe. */
 NOX_API int32_t nox_pipe_set_state(NOXPipe *pipe, int32_t state);
 
-/* The pipe's state, which is the target from the start of a change; 0 for null.
+/** The pipe's state, which is the target from the start of a change; 0 for null.
  * Any thread. */
 NOX_API int32_t nox_pipe_get_state(NOXPipe *pipe);
 
-/* Queues a change for the control thread; changes are made in the order asked
+/** Queues a change for the control thread; changes are made in the order asked
  * for. `callback` may be null. 0 when queued, -1 otherwise. Any thread. */
 NOX_API int32_t nox_pipe_set_state_async(NOXPipe *pipe, int32_t state,
                                          NoxPipeAsyncCallback callback);
 
-/* Changes one chain, from its source down, without touching the pipe's own state
+/** Changes one chain, from its source down, without touching the pipe's own state
  * or clock. 0 when the state is the pipe's already; -1 when the chain has no
  * source. */
 NOX_API int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int32_t state);
 
-/* Start and stop every member, in order, without a change of state. Start ends
+/** Start and stop every member, in order, without a change of state. Start ends
  * at the first member with a negative result and returns it. */
 NOX_API int32_t nox_pipe_start(NOXPipe *pipe);
 NOX_API int32_t nox_pipe_stop(NOXPipe *pipe);
 
-/* Delivers an event to the sinks, from each up to its source, then to the
+/** Delivers an event to the sinks, from each up to its source, then to the
  * sources. -1 at the first plugin that refuses it. The event stays the caller's. */
 NOX_API int32_t nox_pipe_set_event(NOXPipe *pipe, NOXEvent *event);
 
-/* Delivers NOX_EVENT_RESET and stops the clock; the delivery's result. */
+/** Delivers NOX_EVENT_RESET and stops the clock; the delivery's result. */
 NOX_API int32_t nox_pipe_reset(NOXPipe *pipe);
 
 /* ---- questions over all members ------------------------------------------ */
 
-/* 1 when every sink has received data since it was last stopped; 1 without sinks. */
+/** 1 when every sink has received data since it was last stopped; 1 without sinks. */
 NOX_API uint8_t nox_pipe_get_allsink_start(NOXPipe *pipe);
 
-/* 1 when every source has data, or has stopped; 1 without sources. */
+/** 1 when every source has data, or has stopped; 1 without sources. */
 NOX_API uint8_t nox_pipe_get_allsrc_started(NOXPipe *pipe);
 NOX_API uint8_t nox_pipe_get_allsrc_stopped(NOXPipe *pipe);
 
 /* ---- internal steps that are exported ------------------------------------ */
 
-/* Called by a sink that reached end of stream: posts NOX_MSG_EOS when all have. 0. */
+/** Called by a sink that reached end of stream: posts NOX_MSG_EOS when all have. 0. */
 NOX_API int32_t nox_pipe_set_eos(NOXPipe *pipe);
 
-/* The control thread's body (takes a NOXPipe). */
+/** The control thread's body (takes a NOXPipe). */
 NOX_API int32_t nox_pipe_loop(void *pipe);
 
-/* The steps of nox_pipe_set_state: the source members; everything downstream of
+/** The steps of nox_pipe_set_state: the source members; everything downstream of
  * them (the OR of all results). */
 NOX_API int32_t pipe_src_set_state(NOXPipe *pipe, int32_t state);
 NOX_API int32_t pipe_iterate_set_state(NOXPipe *pipe, int32_t state);
 
-/* The step of nox_pipe_linked_plugins_set_state: `plugin` and all below it; 0. */
+/** The step of nox_pipe_linked_plugins_set_state: `plugin` and all below it; 0. */
 NOX_API int32_t pipe_iterate_linked_plugin_set_state(NOXPlugin *plugin, int32_t state);
 
 #ifdef __cplusplus

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * noxplugin: one processing element of a pipeline, a source, a filter or a sink.
  *
  * A plugin's record begins with NOXPlugin; the library's init function fills its
@@ -37,33 +38,33 @@
 extern "C" {
 #endif
 
-/* States of a plugin and of a pipe. */
+/** States of a plugin and of a pipe. */
 enum { NOX_STATE_NULL = 0, NOX_STATE_READY = 1, NOX_STATE_PAUSE = 2, NOX_STATE_PLAY = 3 };
 
-/* Event types of the library. Plugins may define others. */
+/** Event types of the library. Plugins may define others. */
 enum {
-    NOX_EVENT_STOPPING = 2,  /* the pipe goes from PAUSE to NULL */
-    NOX_EVENT_STOPPED = 3,   /* the same change, right after */
-    NOX_EVENT_CLOCKRATE = 4, /* data: two floats, the old rate and the new */
-    NOX_EVENT_RESET = 5,     /* the pipe was reset */
-    NOX_EVENT_EOS = 6        /* end of stream */
+    NOX_EVENT_STOPPING = 2,  /**< the pipe goes from PAUSE to NULL */
+    NOX_EVENT_STOPPED = 3,   /**< the same change, right after */
+    NOX_EVENT_CLOCKRATE = 4, /**< data: two floats, the old rate and the new */
+    NOX_EVENT_RESET = 5,     /**< the pipe was reset */
+    NOX_EVENT_EOS = 6        /**< end of stream */
 };
 
-/* An event. It is the sender's and may live on its stack: do not keep it. */
+/** An event. It is the sender's and may live on its stack: do not keep it. */
 typedef struct NOXEvent {
-    void *data; /* null for most types */
+    void *data; /**< null for most types */
     int32_t type;
 } NOXEvent;
 
 typedef struct NOXPlugin NOXPlugin;
 
-/* A group of plugins that meet at a common point; opaque. */
+/** A group of plugins that meet at a common point; opaque. */
 typedef OSA_List NOXPluginGroup;
 
-/* One member of a group. */
+/** One member of a group. */
 typedef struct NOXPluginGroupMember {
-    NOXPlugin *plugin; /* not referenced */
-    int32_t attend;    /* attending while above 0; read by the other members' threads */
+    NOXPlugin *plugin; /**< not referenced */
+    int32_t attend;    /**< attending while above 0; read by the other members' threads */
 } NOXPluginGroupMember;
 
 typedef int32_t (*NOXPluginFunc)(NOXPlugin *plugin);
@@ -75,35 +76,35 @@ typedef int32_t (*NOXPluginFormatFunc)(NOXPlugin *plugin, NOXStructure *format);
 typedef NOXAllocator *(*NOXPluginGetAllocatorFunc)(NOXPlugin *plugin);
 typedef int32_t (*NOXPluginEventFunc)(NOXPlugin *plugin, NOXEvent *event);
 
-/* The plugin record. Plugin code may read every field; the slots are written by
+/** The plugin record. Plugin code may read every field; the slots are written by
  * its init function, the rest by the operations below. */
 struct NOXPlugin {
     NOXObject object;
-    char *plgname;              /* the type's name in the registry; owned */
-    NOXBus *bus;                /* where it posts; not referenced */
-    NOXTimer *timer;            /* the pipeline clock; not referenced */
-    uint8_t started;            /* between start and stop; a plugin's thread runs while set */
-    NOXPlugin *prev;            /* upstream */
-    NOXPlugin *next;            /* first downstream plugin, branch 0 */
-    NOXPluginGroup *group;      /* the group it was last added to */
-    OSA_List *nextlist;         /* branches 1, 2, ... (NOXPlugin), or null */
-    int32_t state;              /* NOX_STATE_ */
-    NOXAllocator *allocator;    /* its own; one reference */
-    NOXAllocator *outallocator; /* chosen for its output buffers; not referenced */
-    uint8_t outallocator_set;   /* the choice has been made */
-    OSA_Event *state_event;     /* sent when the state leaves PAUSE for PLAY or NULL */
+    char *plgname;              /**< the type's name in the registry; owned */
+    NOXBus *bus;                /**< where it posts; not referenced */
+    NOXTimer *timer;            /**< the pipeline clock; not referenced */
+    uint8_t started;            /**< between start and stop; a plugin's thread runs while set */
+    NOXPlugin *prev;            /**< upstream */
+    NOXPlugin *next;            /**< first downstream plugin, branch 0 */
+    NOXPluginGroup *group;      /**< the group it was last added to */
+    OSA_List *nextlist;         /**< branches 1, 2, ... (NOXPlugin), or null */
+    int32_t state;              /**< NOX_STATE_ */
+    NOXAllocator *allocator;    /**< its own; one reference */
+    NOXAllocator *outallocator; /**< chosen for its output buffers; not referenced */
+    uint8_t outallocator_set;   /**< the choice has been made */
+    OSA_Event *state_event;     /**< sent when the state leaves PAUSE for PLAY or NULL */
     uint8_t issrc;
     uint8_t issink;
-    uint8_t busy;                        /* a buffer is being handed to chain_func */
-    void *reserved;                      /* the plugin's own; the library does not touch it */
-    NOXPluginSetStateFunc setstate_func; /* before a new state is stored */
-    NOXPluginLinkFunc link_func;         /* told of each new link; its own business */
-    NOXPluginPrepareFunc prepare_func;   /* nox_plugin_push_prepare, on the downstream side */
-    NOXPluginChainFunc chain_func;       /* takes a pushed buffer, lent for the call */
+    uint8_t busy;                        /**< a buffer is being handed to chain_func */
+    void *reserved;                      /**< the plugin's own; the library does not touch it */
+    NOXPluginSetStateFunc setstate_func; /**< before a new state is stored */
+    NOXPluginLinkFunc link_func;         /**< told of each new link; its own business */
+    NOXPluginPrepareFunc prepare_func;   /**< nox_plugin_push_prepare, on the downstream side */
+    NOXPluginChainFunc chain_func;       /**< takes a pushed buffer, lent for the call */
     NOXPluginFormatFunc setformat_func;
     NOXPluginFormatFunc getformat_func;
-    NOXPluginGetAllocatorFunc getallocator_func; /* the allocator it offers, lent; or null */
-    NOXPluginFunc finalize_func;                 /* its own clean-up */
+    NOXPluginGetAllocatorFunc getallocator_func; /**< the allocator it offers, lent; or null */
+    NOXPluginFunc finalize_func;                 /**< its own clean-up */
     NOXPluginEventFunc event_func;
     NOXPluginFunc start_func;
     NOXPluginFunc stop_func;
@@ -111,179 +112,179 @@ struct NOXPlugin {
 
 /* ---- creation and destruction -------------------------------------------- */
 
-/* A new plugin of the registered type `plgname`, named `name`, in state NULL and
+/** A new plugin of the registered type `plgname`, named `name`, in state NULL and
  * with one reference. Release it with nox_object_delete, or add it to a pipe,
  * which takes the reference over. Null, after level-1 traces, on failure. */
 NOX_API NOXPlugin *nox_plugin_new(const char *plgname, const char *name);
 
-/* Traces only; a plugin is released with nox_object_delete. */
+/** Traces only; a plugin is released with nox_object_delete. */
 NOX_API void nox_plugin_delete(NOXPlugin *plugin);
 
-/* The object finalizer of every plugin (takes a NOXPlugin): frees the branch
+/** The object finalizer of every plugin (takes a NOXPlugin): frees the branch
  * list, calls finalize_func and returns its result, releases allocator, event
  * and type name. -1 for null. Not for applications. */
 NOX_API int32_t nox_plugin_finalize(void *plugin);
 
-/* Size in bytes of NOXPlugin. */
+/** Size in bytes of NOXPlugin. */
 NOX_API uint32_t nox_plugin_get_size(void);
 
-/* Makes the state event; called by the base classes' inits, or by the init of a
+/** Makes the state event; called by the base classes' inits, or by the init of a
  * plugin that stands on none. Checked. */
 NOX_API int32_t nox_plugin_init(NOXPlugin *plugin);
 
 /* ---- lifecycle: all checked ---------------------------------------------- */
 
-/* Sets `started` and calls start_func; 0 without one. */
+/** Sets `started` and calls start_func; 0 without one. */
 NOX_API int32_t nox_plugin_start(NOXPlugin *plugin);
 
-/* Clears `started`, waits up to 300 ms for a chain call in progress, and calls
+/** Clears `started`, waits up to 300 ms for a chain call in progress, and calls
  * stop_func; 0 without one. */
 NOX_API int32_t nox_plugin_stop(NOXPlugin *plugin);
 
-/* Hand a format to the plugin, or let it fill one; -1 without the slot and for
+/** Hand a format to the plugin, or let it fill one; -1 without the slot and for
  * a null format. The format stays the caller's. */
 NOX_API int32_t nox_plugin_setformat(NOXPlugin *plugin, NOXStructure *format);
 NOX_API int32_t nox_plugin_getformat(NOXPlugin *plugin, NOXStructure *format);
 
-/* Hands an event to this plugin only; 0 without event_func. */
+/** Hands an event to this plugin only; 0 without event_func. */
 NOX_API int32_t nox_plugin_setevent(NOXPlugin *plugin, NOXEvent *event);
 
-/* Changes the state: calls setstate_func, stores the state whatever that
+/** Changes the state: calls setstate_func, stores the state whatever that
  * returned, then wakes, starts or stops as the table above says. The result is
  * that of stop (to NULL) or start (to PLAY, not from PAUSE), else setstate_func's. */
 NOX_API int32_t nox_plugin_setstate(NOXPlugin *plugin, int32_t state);
 
-NOX_API int32_t nox_plugin_get_state(NOXPlugin *plugin); /* not checked */
-NOX_API const char *nox_plugin_state_str(int32_t state); /* "NULL" .. "PLAY", else "??" */
+NOX_API int32_t nox_plugin_get_state(NOXPlugin *plugin); /**< not checked */
+NOX_API const char *nox_plugin_state_str(int32_t state); /**< "NULL" .. "PLAY", else "??" */
 
-/* Forgets links and output allocator; 0. State, bus, clock and group stay. Not
+/** Forgets links and output allocator; 0. State, bus, clock and group stay. Not
  * checked. */
 NOX_API int32_t nox_plugin_reset(NOXPlugin *plugin);
 
 /* ---- wiring, done by the pipe -------------------------------------------- */
 
-/* Store the bus or the clock; checked, and a null value is refused as well. */
+/** Store the bus or the clock; checked, and a null value is refused as well. */
 NOX_API int32_t nox_plugin_set_bus(NOXPlugin *plugin, NOXBus *bus);
 NOX_API int32_t nox_plugin_set_timer(NOXPlugin *plugin, NOXTimer *timer);
 
 NOX_API int32_t nox_plugin_set_parent(NOXPlugin *plugin, void *parent);
 NOX_API void *nox_plugin_get_parent(NOXPlugin *plugin);
 
-/* The pipe (NOXPipe) it belongs to: the parent of its bus, or without a bus its
+/** The pipe (NOXPipe) it belongs to: the parent of its bus, or without a bus its
  * object parent. Null for null and for a plugin in no pipe. */
 NOX_API void *nox_plugin_get_pipeline(NOXPlugin *plugin);
 
-/* Posts a message under the plugin's name on its bus; `text` is copied, may be
+/** Posts a message under the plugin's name on its bus; `text` is copied, may be
  * null. -1, after a level-1 trace, without a bus or memory. Any thread. */
 NOX_API int32_t nox_plugin_error_post(NOXPlugin *plugin, int32_t code, const char *text);
 
 /* ---- links --------------------------------------------------------------- */
 
-/* Adds `next` as the next free branch of `plugin`. The link is made whatever
+/** Adds `next` as the next free branch of `plugin`. The link is made whatever
  * link_func answers; its answer is the result. -1 for a null plugin, and with
  * nothing linked when memory runs out. */
 NOX_API int32_t nox_plugin_link(NOXPlugin *plugin, NOXPlugin *next);
 
-/* Replaces the branch that leads to `old_next` by one to `new_next`, in place.
+/** Replaces the branch that leads to `old_next` by one to `new_next`, in place.
  * Upstream pointers stay as they were. -1 when there is no such branch. */
 NOX_API int32_t nox_plugin_linkexch(NOXPlugin *plugin, NOXPlugin *old_next, NOXPlugin *new_next);
 
-/* Links a chain, ended by a null pointer: sets branch 0 of each, replacing what
+/** Links a chain, ended by a null pointer: sets branch 0 of each, replacing what
  * it was; a plugin with a link_func makes its own link. The result is that of
  * the last link_func called. */
 NOX_API int32_t nox_plugin_link_many(NOXPlugin *plugin, NOXPlugin *next, ...);
 
-/* 1 when data can leave the plugin: it has a downstream plugin or is a sink. */
+/** 1 when data can leave the plugin: it has a downstream plugin or is a sink. */
 NOX_API uint8_t nox_plugin_islink(NOXPlugin *plugin);
 NOX_API uint8_t nox_plugin_issink(NOXPlugin *plugin);
 
-/* Branch `idx`, or null. When it has a branch list and `count` is not null, the
+/** Branch `idx`, or null. When it has a branch list and `count` is not null, the
  * number of branches after the first is stored (else `count` is untouched). The
  * all-ones pointer for a null plugin. */
 NOX_API NOXPlugin *nox_plugin_get_next(NOXPlugin *plugin, int32_t idx, uint32_t *count);
 
-/* The source at the head of the chain, or null when the head is none. The
+/** The source at the head of the chain, or null when the head is none. The
  * all-ones pointer for a null plugin. */
 NOX_API NOXPlugin *nox_plugin_get_source(NOXPlugin *plugin);
 
 /* ---- pushing, on the thread that produces -------------------------------- */
 
-/* The result of the first downstream plugin's prepare_func, 0 without one; -1
+/** The result of the first downstream plugin's prepare_func, 0 without one; -1
  * when not linked. `argument` is passed through. */
 NOX_API int32_t nox_plugin_push_prepare(NOXPlugin *plugin, void *argument);
 
-/* Lends the buffer to every branch, in link order, and returns when all chain
+/** Lends the buffer to every branch, in link order, and returns when all chain
  * functions have. A first downstream plugin in NULL swallows it for all. The
  * result is that of the last chain function called; a branch after the first
  * that fails ends the push. -1 when not linked. The caller keeps its reference. */
 NOX_API int32_t nox_plugin_push_buffer(NOXPlugin *plugin, NOXBuffer *buffer);
 
-/* The same for one branch; -1 when there is no such branch. */
+/** The same for one branch; -1 when there is no such branch. */
 NOX_API int32_t nox_plugin_push_buffer_idx(NOXPlugin *plugin, int32_t idx, NOXBuffer *buffer);
 
-/* Hands the event to every plugin downstream, depth first; the first failure
+/** Hands the event to every plugin downstream, depth first; the first failure
  * ends it and is returned. 0 at an unlinked plugin. */
 NOX_API int32_t nox_plugin_push_event(NOXPlugin *plugin, NOXEvent *event);
 
-/* Pushes NOX_EVENT_EOS. */
+/** Pushes NOX_EVENT_EOS. */
 NOX_API int32_t nox_plugin_push_eos(NOXPlugin *plugin);
 
 /* ---- allocators and output buffers --------------------------------------- */
 
-/* Stores the function that answers which allocator the plugin offers; checked. */
+/** Stores the function that answers which allocator the plugin offers; checked. */
 NOX_API int32_t nox_plugin_set_allocatorfunc(NOXPlugin *plugin, NOXPluginGetAllocatorFunc function);
 
-/* Gives the plugin its own allocator, taking over the caller's reference, and
+/** Gives the plugin its own allocator, taking over the caller's reference, and
  * offers it unless the plugin has an answer of its own. -1, the caller keeping
  * its reference, when it has one already. Checked. */
 NOX_API int32_t nox_plugin_set_allocator(NOXPlugin *plugin, NOXAllocator *allocator);
 
-/* The plugin's own allocator, or null; the all-ones pointer for a null plugin. */
+/** The plugin's own allocator, or null; the all-ones pointer for a null plugin. */
 NOX_API NOXAllocator *nox_plugin_default_getallocator(NOXPlugin *plugin);
 
-/* What the first plugin downstream (along branch 0) that answers offers; null
+/** What the first plugin downstream (along branch 0) that answers offers; null
  * when it offers none or nobody answers. */
 NOX_API NOXAllocator *nox_plugin_get_next_allocator(NOXPlugin *plugin);
 
-/* An output buffer with one reference, the caller's: from the allocator of the
+/** An output buffer with one reference, the caller's: from the allocator of the
  * first downstream plugin that answers, else from the plugin's own, else from
  * the heap. The choice is made once and kept until nox_plugin_reset. Null, after
  * a level-1 trace, when the heap has none or `count` is above 3. */
 NOX_API NOXBuffer *nox_plugin_get_outbuffer(NOXPlugin *plugin, NOXBufferRequest *request);
 
-/* The same, but the plugin's own allocator is chosen, afresh on each call. */
+/** The same, but the plugin's own allocator is chosen, afresh on each call. */
 NOX_API NOXBuffer *nox_plugin_get_outbuffer_self(NOXPlugin *plugin, NOXBufferRequest *request);
 
-/* The flush operation of the chosen output allocator; 0 without one. */
+/** The flush operation of the chosen output allocator; 0 without one. */
 NOX_API int32_t nox_plugin_flush_outbuffer(NOXPlugin *plugin, NOXBuffer *buffer);
 
 /* ---- groups -------------------------------------------------------------- */
 
-/* An empty group, or null. Neither side holds references: delete a group only
+/** An empty group, or null. Neither side holds references: delete a group only
  * when its plugins no longer use it, and change it only while none runs. */
 NOX_API NOXPluginGroup *nox_plugin_group_new(void);
 
-/* Frees the group and its member records; 0, also for null. */
+/** Frees the group and its member records; 0, also for null. */
 NOX_API int32_t nox_plugin_group_delete(NOXPluginGroup *group);
 
-/* Appends a member that does not attend yet. -1, nothing added, for a null
+/** Appends a member that does not attend yet. -1, nothing added, for a null
  * argument or when memory runs out. */
 NOX_API int32_t nox_plugin_group_add(NOXPluginGroup *group, NOXPlugin *plugin);
 
-/* The group the plugin was last added to, or null. */
+/** The group the plugin was last added to, or null. */
 NOX_API NOXPluginGroup *nox_plugin_group_get(NOXPlugin *plugin);
 
-/* Sets the attendance of the plugin's first member record; a member attends
+/** Sets the attendance of the plugin's first member record; a member attends
  * while the value is above 0. -1 when it is no member. Any thread. */
 NOX_API int32_t nox_plugin_group_attend(NOXPluginGroup *group, NOXPlugin *plugin, int32_t value);
 
-/* Number of members; 0 for null. */
+/** Number of members; 0 for null. */
 NOX_API uint32_t nox_plugin_group_members(NOXPluginGroup *group);
 
-/* Member `idx` in the order of adding, or null. */
+/** Member `idx` in the order of adding, or null. */
 NOX_API NOXPlugin *nox_plugin_group_get_member(NOXPluginGroup *group, uint32_t idx);
 
-/* 1 when every member attends (an empty group does); 0 for null. Any thread. */
+/** 1 when every member attends (an empty group does); 0 for null. Any thread. */
 NOX_API uint8_t nox_plugin_group_is_all_attended(NOXPluginGroup *group);
 
 #ifdef __cplusplus

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * What the host program supplies by name: version texts for the start-up
  * banners, and two callbacks that the library hands to the OS layer. The
  * library calls the first six from nox_init; the texts must stay valid for the
@@ -13,14 +14,14 @@
 extern "C" {
 #endif
 
-const char *core_version_osa_string(void); /* version of the OS layer, as text */
-uint32_t core_version_osa(void);           /* the same as a number */
-const char *core_version_nox_string(void); /* version of the library, as text */
-uint32_t core_version_nox(void);           /* the same as a number */
+const char *core_version_osa_string(void); /**< version of the OS layer, as text */
+uint32_t core_version_osa(void);           /**< the same as a number */
+const char *core_version_nox_string(void); /**< version of the library, as text */
+uint32_t core_version_nox(void);           /**< the same as a number */
 const char *core_build_date(void);
 const char *core_build_time(void);
 
-/* Handed to OSA_SystemInit and OSA_SystemUnInit, which call them while the layer
+/** Handed to OSA_SystemInit and OSA_SystemUnInit, which call them while the layer
  * is up. The result is 0 for success; the layer only reports a failure. */
 int32_t sysenv_load(void);
 int32_t sysenv_unload(void);

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The OS layer: every operating-system service that libnoxcore uses comes in
  * through the operations declared here. The library imports them and contains
  * none of them, so a product can bring its own layer, and a test can bring one
@@ -28,14 +29,14 @@ extern "C" {
 #define OSA_PRINTF(format_index, first_argument)
 #endif
 
-/* A wait with this time-out has no limit. */
+/** A wait with this time-out has no limit. */
 #define OSA_WAIT_FOREVER 0x7FFFFFFFu
 
-/* File modes of OSA_FileOpen. */
-#define OSA_FILE_READ 0xF0000002u  /* an existing file, for reading */
-#define OSA_FILE_WRITE 0xF0000009u /* for writing: created, or emptied when it exists */
+/** File modes of OSA_FileOpen. */
+#define OSA_FILE_READ 0xF0000002u  /**< an existing file, for reading */
+#define OSA_FILE_WRITE 0xF0000009u /**< for writing: created, or emptied when it exists */
 
-/* Trace levels; a line is written when its level is not above OSA_TraceThreshold. */
+/** Trace levels; a line is written when its level is not above OSA_TraceThreshold. */
 #define OSA_TRACE_ERROR 1
 #define OSA_TRACE_NOTICE 2
 #define OSA_TRACE_INFO 3
@@ -49,16 +50,16 @@ typedef struct OSA_List OSA_List;
 typedef struct OSA_Library OSA_Library;
 typedef struct OSA_File OSA_File;
 
-/* One node of a list. Users may read `data` and `next` directly and write
+/** One node of a list. Users may read `data` and `next` directly and write
  * `data`; the links are written by the list operations only. */
 typedef struct OSA_ListNode OSA_ListNode;
 struct OSA_ListNode {
-    void *data;         /* the list's user owns what it points to */
-    OSA_ListNode *next; /* following node, null at the tail */
-    OSA_ListNode *prev; /* preceding node, null at the head */
+    void *data;         /**< the list's user owns what it points to */
+    OSA_ListNode *next; /**< following node, null at the tail */
+    OSA_ListNode *prev; /**< preceding node, null at the head */
 };
 
-/* Size in bytes of the record that a queue keeps for each entry; a pool of this
+/** Size in bytes of the record that a queue keeps for each entry; a pool of this
  * block size, once registered, serves the queues. */
 #define OSA_QUEUE_NODE_SIZE 32u
 
@@ -67,200 +68,200 @@ typedef int32_t (*OSA_ThreadEntry)(void *argument);
 
 /* ---- the layer itself ---------------------------------------------------- */
 
-/* Brings the layer up and then calls `load` (may be null), the host program's
+/** Brings the layer up and then calls `load` (may be null), the host program's
  * chance to read its environment. Init after init is harmless. */
 int32_t OSA_SystemInit(OSA_EnvironmentCallback load);
 
-/* Calls `unload` (may be null), lists every block of memory that is still
+/** Calls `unload` (may be null), lists every block of memory that is still
  * alive on the trace (level 1), and takes the layer down. */
 int32_t OSA_SystemUnInit(OSA_EnvironmentCallback unload);
 
 /* ---- memory -------------------------------------------------------------- */
 
-/* A zero-filled block of `size` bytes, aligned for any type, or null. The block
+/** A zero-filled block of `size` bytes, aligned for any type, or null. The block
  * is remembered with `module`, `line` and `function` (static strings, not
  * copied) until OSA_Free. `kind` and `alignment` are reserved: every value
  * selects ordinary memory. */
 void *OSA_Malloc(uint32_t size, int32_t kind, int32_t alignment, const char *module, int32_t line,
                  const char *function);
 
-/* Frees a block of OSA_Malloc; null is ignored. `kind` is reserved. */
+/** Frees a block of OSA_Malloc; null is ignored. `kind` is reserved. */
 void OSA_Free(void *block, int32_t kind);
 
 /* ---- pools of fixed-size blocks ------------------------------------------ */
 
-/* Starts and stops the pools as a whole. Starting twice is harmless. */
+/** Starts and stops the pools as a whole. Starting twice is harmless. */
 int32_t OSA_SMalloc_Init(void);
 int32_t OSA_SMalloc_Deinit(void);
 
-/* Registers a pool of blocks of exactly `block_size` bytes. `name` is copied,
+/** Registers a pool of blocks of exactly `block_size` bytes. `name` is copied,
  * cut to 47 characters. A size keeps its pool and its first name until the pools
  * stop, registered again or not. Refused before OSA_SMalloc_Init, for a size of 0,
  * for a null name, and for more than 63 sizes, unregistered ones included. */
 int32_t OSA_SMalloc_Register(uint32_t block_size, const char *name);
 
-/* Ends the pool of that size: no block can be taken any more. Blocks that are
+/** Ends the pool of that size: no block can be taken any more. Blocks that are
  * still out may be given back later. */
 int32_t OSA_SMalloc_UnRegister(uint32_t block_size);
 
-/* 1 when a pool of exactly this block size is registered, else 0. */
+/** 1 when a pool of exactly this block size is registered, else 0. */
 uint8_t OSA_SMemIsReg(uint32_t block_size);
 
-/* The name of the pool of that size (owned by the layer, valid until the pools
+/** The name of the pool of that size (owned by the layer, valid until the pools
  * stop), or null. */
 const char *OSA_SMemGetName(uint32_t block_size);
 
-/* A zero-filled block of the pool of that size, or null. Takes no mutex. */
+/** A zero-filled block of the pool of that size, or null. Takes no mutex. */
 void *OSA_SMalloc(uint32_t block_size);
 
-/* Gives a block back, from whichever thread; null is ignored. Takes no mutex. */
+/** Gives a block back, from whichever thread; null is ignored. Takes no mutex. */
 void OSA_SFree(void *block, uint32_t block_size);
 
 /* ---- lists --------------------------------------------------------------- */
 
-/* An empty list, or null. A list has no lock: its user serialises. */
+/** An empty list, or null. A list has no lock: its user serialises. */
 OSA_List *OSA_ListCreate(void);
 
-/* Releases the list and what nodes are left in it, not their data. */
+/** Releases the list and what nodes are left in it, not their data. */
 int32_t OSA_ListDestroy(OSA_List *list);
 
-/* Append or prepend a node; the list holds it until OSA_ListDel. Negative for
+/** Append or prepend a node; the list holds it until OSA_ListDel. Negative for
  * a null list or node. */
 int32_t OSA_ListAddTail(OSA_List *list, OSA_ListNode *node);
 int32_t OSA_ListAddHead(OSA_List *list, OSA_ListNode *node);
 
-/* Unlinks a node of this list; the node and its data stay alive. A node of no
+/** Unlinks a node of this list; the node and its data stay alive. A node of no
  * list, or at an end of another, is refused (non-zero); one from the middle of
  * another list need not be noticed, so be sure of the list. */
 int32_t OSA_ListDel(OSA_List *list, OSA_ListNode *node);
 
-/* Null at the end, and for a null list or node. */
+/** Null at the end, and for a null list or node. */
 OSA_ListNode *OSA_ListGetHead(OSA_List *list);
 OSA_ListNode *OSA_ListGetTail(OSA_List *list);
 OSA_ListNode *OSA_ListGetNext(OSA_ListNode *node);
 OSA_ListNode *OSA_ListGetPrev(OSA_ListNode *node);
 
-/* Number of nodes; 0 for a null list. */
+/** Number of nodes; 0 for a null list. */
 uint32_t OSA_ListGetNum(OSA_List *list);
 
-/* The node at a position counted from 0, or null. Linear in the position. */
+/** The node at a position counted from 0, or null. Linear in the position. */
 OSA_ListNode *OSA_List_GetNthList(OSA_List *list, uint32_t position);
 
-/* A node in no list, with null or with the given data, or null. */
+/** A node in no list, with null or with the given data, or null. */
 OSA_ListNode *OSA_List_Node_new(void);
 OSA_ListNode *OSA_List_Node_new_data(void *data);
 
-/* Releases a node that is in no list; null is ignored. Its data stays. */
+/** Releases a node that is in no list; null is ignored. Its data stays. */
 void OSA_List_Node_delete(OSA_ListNode *node);
 
 /* ---- mutexes ------------------------------------------------------------- */
 
-/* A recursive mutex, unlocked, or null. Release with OSA_MutexDestroy. */
+/** A recursive mutex, unlocked, or null. Release with OSA_MutexDestroy. */
 OSA_Mutex *OSA_MutexCreate(void);
 
-/* Refused (non-zero), and the mutex stays, while a thread holds or waits for it. */
+/** Refused (non-zero), and the mutex stays, while a thread holds or waits for it. */
 int32_t OSA_MutexDestroy(OSA_Mutex *mutex);
 
-/* Locks; non-zero when `timeout_ms` passed first. */
+/** Locks; non-zero when `timeout_ms` passed first. */
 int32_t OSA_MutexLock(OSA_Mutex *mutex, uint32_t timeout_ms);
 int32_t OSA_MutexUnLock(OSA_Mutex *mutex);
 
 /* ---- events -------------------------------------------------------------- */
 
-/* An event, not signalled, or null. It latches and resets itself: a send that
+/** An event, not signalled, or null. It latches and resets itself: a send that
  * finds a waiter releases exactly that one, even if it has not run yet; any other
  * send is kept for the next to wait, and further ones before that wait add
  * nothing. `kind` is reserved. */
 OSA_Event *OSA_EventCreate(int32_t kind);
 
-/* Refused (non-zero), and the event stays, while a thread waits for it. */
+/** Refused (non-zero), and the event stays, while a thread waits for it. */
 int32_t OSA_EventDestroy(OSA_Event *event);
 int32_t OSA_EventSend(OSA_Event *event);
 
-/* 0 when signalled, non-zero when `timeout_ms` passed first. */
+/** 0 when signalled, non-zero when `timeout_ms` passed first. */
 int32_t OSA_EventWait(OSA_Event *event, uint32_t timeout_ms);
 
 /* ---- queues -------------------------------------------------------------- */
 
-/* A queue of (pointer, size) pairs, first in first out, unbounded, for any
+/** A queue of (pointer, size) pairs, first in first out, unbounded, for any
  * number of threads on both sides; or null. `name` is for diagnosis. */
 OSA_Queue *OSA_QueueCreate(const char *name, int32_t kind);
 
-/* Releases the queue; entries still in it are dropped, not freed. Refused
+/** Releases the queue; entries still in it are dropped, not freed. Refused
  * (non-zero), and the queue stays, while a thread waits for it. */
 int32_t OSA_QueueDestroy(OSA_Queue *queue);
 
-/* Appends an entry; never blocks. On success what `item` points to passes to
+/** Appends an entry; never blocks. On success what `item` points to passes to
  * the queue; on failure (non-zero) the caller keeps it. Null is refused: to
  * OSA_QueuePop it means that nothing came. */
 int32_t OSA_QueuePush(OSA_Queue *queue, void *item, uint32_t size);
 
-/* The oldest entry, waiting at most `timeout_ms` (0: not at all); its size is
+/** The oldest entry, waiting at most `timeout_ms` (0: not at all); its size is
  * stored through `size` (may be null). Null, with `size` untouched, when none came. */
 void *OSA_QueuePop(OSA_Queue *queue, uint32_t *size, uint32_t timeout_ms);
 
 /* ---- threads ------------------------------------------------------------- */
 
-/* Runs entry(argument) on a new thread named `name` (cut to what the system
+/** Runs entry(argument) on a new thread named `name` (cut to what the system
  * allows). Priority 0 is the default scheduling; above 0 asks for real-time
  * round-robin at that priority. `stack_size` in bytes is a minimum. Null on
  * failure. Release with OSA_ThreadDelete. */
 OSA_Thread *OSA_ThreadCreate(const char *name, int32_t priority, uint32_t stack_size,
                              OSA_ThreadEntry entry, void *argument);
 
-/* Ends the calling thread, which OSA_ThreadCreate made, with this status.
+/** Ends the calling thread, which OSA_ThreadCreate made, with this status.
  * Destructors of objects on its stack do not run. */
 void OSA_ThreadExit(int32_t status);
 
-/* Waits for the thread to end, stores its status (pointer may be null) and
+/** Waits for the thread to end, stores its status (pointer may be null) and
  * releases it. Refused, non-zero, on that very thread. */
 int32_t OSA_ThreadDelete(OSA_Thread *thread, int32_t *status);
 
 void OSA_ThreadSleep(uint32_t duration_ms);
 
-/* Monotonic milliseconds from an arbitrary start. */
+/** Monotonic milliseconds from an arbitrary start. */
 uint64_t OSA_GetSystemTick(void);
 
 /* ---- files --------------------------------------------------------------- */
 
-/* Opens a file in one of the modes above, or null. */
+/** Opens a file in one of the modes above, or null. */
 OSA_File *OSA_FileOpen(const char *path, uint32_t mode);
 
-/* The next line with its line feed, zero-terminated in `buffer` of `size`
+/** The next line with its line feed, zero-terminated in `buffer` of `size`
  * bytes; of a longer line the rest is skipped. Null at the end. */
 char *OSA_FileReadLine(OSA_File *file, char *buffer, uint32_t size);
 
-/* Writes all `length` bytes; the number written, or negative on failure. */
+/** Writes all `length` bytes; the number written, or negative on failure. */
 int32_t OSA_FileWrite(OSA_File *file, const void *data, uint32_t length);
 int32_t OSA_FileClose(OSA_File *file);
 
 /* ---- dynamic libraries --------------------------------------------------- */
 
-/* Loads with immediate, local binding after a check that the file is a whole
+/** Loads with immediate, local binding after a check that the file is a whole
  * shared object for this processor; null, with a level-1 trace that says what
  * is wrong, on failure. */
 OSA_Library *OSA_LibraryLoad(const char *path);
 
-/* The address of an exported function, or null. */
+/** The address of an exported function, or null. */
 void *OSA_LibraryGetFunc(OSA_Library *library, const char *symbol);
 int32_t OSA_LibraryUnLoad(OSA_Library *library);
 
 /* ---- traces and text ----------------------------------------------------- */
 
-/* Lines above this level are dropped; 2 until the program sets another. The
+/** Lines above this level are dropped; 2 until the program sets another. The
  * library imports this word weakly and tests it before it formats anything;
  * a layer without it gets every line through OSA_Trace. Read atomically. */
 extern int32_t OSA_TraceThreshold;
 
-/* One line. `module` is who speaks (a module's or an object's name), `source`
+/** One line. `module` is who speaks (a module's or an object's name), `source`
  * the module whose code it is. The text carries its own line feed. */
 void OSA_Trace(const char *module, int32_t level, const char *source, int32_t line,
                const char *function, const char *format, ...) OSA_PRINTF(6, 7);
 
-/* One line without module and level, whatever the threshold. */
+/** One line without module and level, whatever the threshold. */
 void OSA_Traces(const char *format, ...) OSA_PRINTF(1, 2);
 
-/* As snprintf: the length that the whole text would have had. */
+/** As snprintf: the length that the whole text would have had. */
 int32_t OSA_snprintf(char *buffer, uint32_t size, const char *format, ...) OSA_PRINTF(3, 4);
 
 #ifdef __cplusplus

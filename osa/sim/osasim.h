@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Control of the simulated OS layer: everything of osa/osa.h and osa/osa_ext.h
  * in virtual time, reproducible by a seed, for tests.
  *
@@ -66,73 +67,73 @@
 
 struct SIM_Options {
     uint64_t seed = 1;
-    uint64_t first_tick = 1000;         /* OSA_GetSystemTick at the start, milliseconds */
-    uint32_t switch_percent = 50;       /* chance of a switch at each point; 0: only when blocked */
-    uint64_t point_limit = 10'000'000;  /* points that may pass while time stands still */
-    uint64_t time_limit_ms = 3'600'000; /* virtual time that a run may take */
-    int32_t trace_level = 4;            /* first value of OSA_TraceThreshold */
-    bool echo = false;                  /* print trace lines too */
+    uint64_t first_tick = 1000;   /**< OSA_GetSystemTick at the start, milliseconds */
+    uint32_t switch_percent = 50; /**< chance of a switch at each point; 0: only when blocked */
+    uint64_t point_limit = 10'000'000;  /**< points that may pass while time stands still */
+    uint64_t time_limit_ms = 3'600'000; /**< virtual time that a run may take */
+    int32_t trace_level = 4;            /**< first value of OSA_TraceThreshold */
+    bool echo = false;                  /**< print trace lines too */
 };
 
 /* ---- a run --------------------------------------------------------------- */
 
-/* Starts a run with nothing alive, no files, no libraries, no faults. A run that
+/** Starts a run with nothing alive, no files, no libraries, no faults. A run that
  * is still open is dropped; when a thread of it still runs, the process aborts
  * with a report. */
 void SIM_Begin(const SIM_Options &options = {});
 
-/* Ends the run and returns what is wrong with it: misuses and what is still
+/** Ends the run and returns what is wrong with it: misuses and what is still
  * alive, one line each; empty when there is nothing. What was recorded can be
  * asked for until the next run begins. Blocks still alive are freed. */
 std::string SIM_End();
 
-/* The seed of this run. */
+/** The seed of this run. */
 uint64_t SIM_Seed();
 
 /* ---- schedule and time --------------------------------------------------- */
 
-/* A point where another thread may get its turn, for code that makes no call. */
+/** A point where another thread may get its turn, for code that makes no call. */
 void SIM_Point();
 
-/* The tick, in milliseconds, without being a point. */
+/** The tick, in milliseconds, without being a point. */
 uint64_t SIM_Tick();
 
-/* Sets what OSA_GetSystemTick returns. Waits and sleeps under way keep the time
+/** Sets what OSA_GetSystemTick returns. Waits and sleeps under way keep the time
  * they have left. */
 void SIM_TickSet(uint64_t tick);
 
-/* Lets time pass as if the calling thread had computed for that long: no other
+/** Lets time pass as if the calling thread had computed for that long: no other
  * thread runs meanwhile, and waits that end in it are due at the next point.
  * OSA_ThreadSleep lets the others run instead. */
 void SIM_TickAdvance(uint64_t duration_ms);
 
-/* How many points this run has passed, and how often it switched threads. */
+/** How many points this run has passed, and how often it switched threads. */
 uint64_t SIM_PointCount();
 uint64_t SIM_SwitchCount();
 
 /* ---- traces -------------------------------------------------------------- */
 
-/* One line of OSA_Trace, or of OSA_Traces (level 0; module, source and function
+/** One line of OSA_Trace, or of OSA_Traces (level 0; module, source and function
  * empty, line 0). */
 struct SIM_TraceLine {
     std::string module;
-    int32_t level; /* 1 .. 4 */
+    int32_t level; /**< 1 .. 4 */
     std::string source;
     int32_t line;
     std::string function;
-    std::string text; /* with its line feed */
+    std::string text; /**< with its line feed */
     uint64_t tick;
     std::string thread;
 };
 
-/* The lines recorded since the run began or SIM_TraceClear, oldest first; the
+/** The lines recorded since the run began or SIM_TraceClear, oldest first; the
  * reference is valid until the next call into the layer. */
 const std::vector<SIM_TraceLine> &SIM_Traces();
 
-/* How many of them contain `part`; of that level only when it is not -1. */
+/** How many of them contain `part`; of that level only when it is not -1. */
 uint32_t SIM_TraceCount(const std::string &part, int32_t level = -1);
 
-/* All of them as text, each headed by its thread, tick, level, module and place:
+/** All of them as text, each headed by its thread, tick, level, module and place:
  * two runs are the same when these are. */
 std::string SIM_TraceText();
 
@@ -140,50 +141,50 @@ void SIM_TraceClear();
 
 /* ---- what is alive, and misuse ------------------------------------------- */
 
-/* One line for each thing alive, oldest first; empty for nothing. */
+/** One line for each thing alive, oldest first; empty for nothing. */
 std::string SIM_AliveText();
 
 uint32_t SIM_MisuseCount();
 
-/* One line each. */
+/** One line each. */
 std::string SIM_MisuseText();
 
-/* Forgets misuses, for a test that provokes one on purpose. */
+/** Forgets misuses, for a test that provokes one on purpose. */
 void SIM_MisuseClear();
 
 /* ---- faults -------------------------------------------------------------- */
 
-/* From now on the n-th fallible call of the run fails, and the m-th too when m
+/** From now on the n-th fallible call of the run fails, and the m-th too when m
  * is not 0. To count from here, add SIM_FallibleCount(). Each of these three
  * replaces what was set before. */
 void SIM_FailNth(uint64_t n, uint64_t m = 0);
 
-/* The n-th and every later one. */
+/** The n-th and every later one. */
 void SIM_FailFrom(uint64_t n);
 
 void SIM_FailNone();
 
-/* Fallible calls made in this run, and how many of them were made to fail. */
+/** Fallible calls made in this run, and how many of them were made to fail. */
 uint64_t SIM_FallibleCount();
 uint64_t SIM_FailedCount();
 
-/* The n-th fallible call: operation, caller, thread. The first million of a run
+/** The n-th fallible call: operation, caller, thread. The first million of a run
  * are remembered. */
 std::string SIM_FallibleText(uint64_t n);
 
 /* ---- files --------------------------------------------------------------- */
 
-/* A file that exists for OSA_FileOpen only. A path not known here is read from
+/** A file that exists for OSA_FileOpen only. A path not known here is read from
  * the disk. What the layer writes stays in memory under its path and never
  * reaches the disk. */
 void SIM_FileAdd(const std::string &path, const std::string &content);
 
-/* The content of a file added here or written, if there is one. */
+/** The content of a file added here or written, if there is one. */
 std::optional<std::string> SIM_FileContent(const std::string &path);
 
 /* ---- libraries ----------------------------------------------------------- */
 
-/* Lets OSA_LibraryLoad(path) succeed and OSA_LibraryGetFunc find `symbol` there,
+/** Lets OSA_LibraryLoad(path) succeed and OSA_LibraryGetFunc find `symbol` there,
  * so that a test program can hold the plugins it loads. Call once per symbol.
  * Paths not known here are loaded from the disk. */
 void SIM_LibraryAdd(const std::string &path, const std::string &symbol, void *address);
