@@ -18,7 +18,8 @@
  *
  * Threads: one thread at a time changes members, links or states, and no state
  * change runs beside another, synchronous or asynchronous: the pipe takes no
- * lock. `pipe` must not be null unless said.
+ * lock. The bus handler and an asynchronous callback may change states; a
+ * plugin's own functions may not. `pipe` must not be null unless said.
  */
 #ifndef NOX_NOXPIPE_H
 #define NOX_NOXPIPE_H
@@ -29,13 +30,13 @@
 extern "C" {
 #endif
 
-/** Option bits of nox_pipe_set_option. */
 #define NOX_PIPE_OPT_REVERSE_NULL 1u   /**< go to NULL by member position, last to first */
 #define NOX_PIPE_OPT_PLAY_VIA_READY 2u /**< make NULL to PLAY two changes, READY between */
 
-/** Value of NOXPipeMsg.kind that ends the control thread. */
+/** Value of NOXPipeMsg::kind that ends the control thread. */
 #define NOX_PIPE_MSG_EXIT 0xF0000000u
 
+/** The pipe. Read its fields freely; write them through the operations. */
 typedef struct NOXPipe {
     NOXPlugin plugin;     /**< its state is the pipe's; its bus is the pipe's first reference */
     OSA_List *plugins;    /**< members (NOXPlugin) in the order of adding; one reference each */
@@ -56,46 +57,52 @@ typedef int32_t (*NoxPipeAsyncCallback)(NOXPipe *pipe, int32_t state, int32_t re
 
 /** A request on its way to the control thread, which frees it. */
 typedef struct NOXPipeMsg {
-    NOXPipe *pipe;
-    uint32_t kind; /**< NOX_PIPE_MSG_EXIT, or any other value: a state change */
-    int32_t state;
+    NOXPipe *pipe;                 /**< not referenced */
+    uint32_t kind;                 /**< NOX_PIPE_MSG_EXIT, or any other value: a state change */
+    int32_t state;                 /**< NOX_STATE_ value to change to */
     NoxPipeAsyncCallback callback; /**< or null */
 } NOXPipeMsg;
 
 /* ---- the pipe and its members -------------------------------------------- */
 
 /** A new pipe in NULL without members, with one reference, its bus, clock and
- * control thread. Null, with everything released and a level-1 trace, when any
- * part cannot be made. */
+ * control thread. `name` is copied; null names it "unknown". Null, with everything
+ * released and a level-1 trace, when any part cannot be made. Any thread. */
 NOX_API NOXPipe *nox_pipe_new(const char *name);
 
 /** Size in bytes of NOXPipe. */
 NOX_API uint32_t nox_pipe_get_size(void);
 
-/** The object finalizer of a pipe (takes a NOXPipe). Not for applications. */
+/** The object finalizer of a pipe (takes a NOXPipe): ends the control thread,
+ * resets and releases every member, then bus and clock; 0. The states of the
+ * members are not changed. Not for applications. */
 NOX_API int32_t nox_pipe_finalize(void *pipe);
 
 /** Adds a plugin, taking over the caller's reference, and hands it bus, clock and
- * parent. A plugin belongs to one pipe, once; this is not checked. -1, the
- * caller keeping its reference, for null or when memory runs out. */
+ * parent; links and state stay as they are. A plugin belongs to one pipe, once;
+ * this is not checked. -1, nothing changed and the caller keeping its reference,
+ * for null or when memory runs out. */
 NOX_API int32_t nox_pipe_add_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
-/** The same for several, ended by a null pointer; those before a failure stay. */
+/** The same for several, ended by a null pointer (NULL, not 0). The first failure
+ * ends it with -1: those before it stay members, it and those after it the caller's. */
 NOX_API int32_t nox_pipe_add_plugin_many(NOXPipe *pipe, NOXPlugin *plugin, ...);
 
-/** Removes a member; its reference passes back to the caller, and it keeps bus,
- * clock, parent and links. 0 whether or not it was a member; -1 for null. */
+/** Removes a member; its reference passes back to the caller, and it keeps state,
+ * bus, clock, parent and links: undo the links before it is released. 0 whether or
+ * not it was a member; -1 for null. */
 NOX_API int32_t nox_pipe_del_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
 /** Removes the chain that `plugin` is part of, from its source along branch 0,
- * and releases all of it but the last plugin, which passes to the caller. -1,
- * nothing changed, when the chain has no source. */
+ * and releases all of it but the last plugin, which passes to the caller. Further
+ * branches stay members. Not while the chain runs. -1, nothing changed, for null
+ * and when the chain has no source. */
 NOX_API int32_t nox_pipe_del_linked_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
-/** Replaces the option bits; 0. */
+/** Replaces the option bits by `bits` (NOX_PIPE_OPT_, or 0 for none); 0. */
 NOX_API int32_t nox_pipe_set_option(NOXPipe *pipe, uint32_t bits);
 
-/** Sets the bus's handler and its argument; 0. Any thread. */
+/** nox_bus_set_handler for the pipe's bus; `handler` may be null. 0. Any thread. */
 NOX_API int32_t nox_pipe_set_bus_handler(NOXPipe *pipe, NoxBusHandler handler, void *handler_data);
 
 /** Traces and counts the members that are not linked: sinks without an upstream
@@ -104,61 +111,96 @@ NOX_API int32_t nox_pipe_debug_unused_plugin(NOXPipe *pipe);
 
 /* ---- states and events --------------------------------------------------- */
 
-/** Brings every plugin to `state`: upward the plugins downstream of the sources
- * first, downward the sources first; then the clock is started (PLAY) or stopped
- * (PAUSE, NULL). -1 when a plugin refused or there is no source: no rollback,
- * plugins already changed keep the new state, and so does the pipe. */
+/** Brings the sources and every plugin downstream of them to `state` (NOX_STATE_):
+ * upward the plugins downstream first, downward the sources first; then the clock
+ * is started (PLAY) or stopped (PAUSE, NULL). 0 at once when the pipe is in that
+ * state. From PAUSE to NULL the events STOPPING and STOPPED are delivered before.
+ *
+ * Runs every setstate, start and stop slot on the calling thread, and waits: for
+ * a live source to park (PAUSE), for a source thread to end (NULL), each as long as
+ * its create function or push in progress takes.
+ *
+ * -1 when a plugin refused or there is no source: no rollback, plugins already
+ * changed keep the new state, and so does the pipe; the clock is left alone. Upward
+ * the sources stay unchanged when a plugin downstream refused; a source that refuses
+ * leaves those after it unchanged and, downward, all that lies downstream. */
 NOX_API int32_t nox_pipe_set_state(NOXPipe *pipe, int32_t state);
 
-/** The pipe's state, which is the target from the start of a change; 0 for null.
- * Any thread. */
+/** The pipe's state, which is the target from the start of a change; NOX_STATE_NULL
+ * for null. Any thread. */
 NOX_API int32_t nox_pipe_get_state(NOXPipe *pipe);
 
-/** Queues a change for the control thread; changes are made in the order asked
- * for. `callback` may be null. 0 when queued, -1 otherwise. Any thread. */
+/** Queues a change for the control thread and returns at once; changes are made in
+ * the order asked for. `callback` may be null. Keep a reference to the pipe until
+ * the callback has come: a request that is queued when the pipe ends is dropped
+ * without one. 0 when queued; -1, after a level-1 trace, when memory runs out. Any
+ * thread. */
 NOX_API int32_t nox_pipe_set_state_async(NOXPipe *pipe, int32_t state,
                                          NoxPipeAsyncCallback callback);
 
-/** Changes one chain, from its source down, without touching the pipe's own state
- * or clock. 0 when the state is the pipe's already; -1 when the chain has no
- * source. */
+/** Changes one chain, from its source down with all branches, without touching the
+ * pipe's own state or clock. 0 also when a plugin refused, which is traced, and,
+ * with nothing changed, when the state is the pipe's already; -1 for a null plugin
+ * and when the chain has no source. Waits as nox_pipe_set_state does. */
 NOX_API int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int32_t state);
 
-/** Start and stop every member, in order, without a change of state. Start ends
- * at the first member with a negative result and returns it. */
+/** Starts the clock, moves its reading on by the system tick, and starts every
+ * member in order, without a change of state. The first negative result ends it and
+ * is returned, those before staying started; else the last member's result, 0
+ * without members. */
 NOX_API int32_t nox_pipe_start(NOXPipe *pipe);
+
+/** Stops every member, in order, without a change of state; the clock runs on. 0.
+ * Waits for source threads to end. */
 NOX_API int32_t nox_pipe_stop(NOXPipe *pipe);
 
-/** Delivers an event to the sinks, from each up to its source, then to the
- * sources. -1 at the first plugin that refuses it. The event stays the caller's. */
+/** Delivers an event to the sinks, from each up to below its source, then to the
+ * sources, on the calling thread. A plugin above two sinks gets it twice. -1, after
+ * a level-1 trace, at the first plugin that refuses it: the rest is not told. The
+ * event stays the caller's. */
 NOX_API int32_t nox_pipe_set_event(NOXPipe *pipe, NOXEvent *event);
 
-/** Delivers NOX_EVENT_RESET and stops the clock; the delivery's result. */
+/** Delivers NOX_EVENT_RESET, then stops the clock whatever the delivery's result,
+ * which it returns. */
 NOX_API int32_t nox_pipe_reset(NOXPipe *pipe);
 
 /* ---- questions over all members ------------------------------------------ */
 
-/** 1 when every sink has received data since it was last stopped; 1 without sinks. */
+/*
+ * Any thread, while no members join or leave. A member that is marked a source or a
+ * sink must stand on the base class.
+ */
+
+/** 1 when every sink has received data since a change from PAUSE to NULL; 1 without
+ * sinks. */
 NOX_API uint8_t nox_pipe_get_allsink_start(NOXPipe *pipe);
 
-/** 1 when every source has data, or has stopped; 1 without sources. */
+/** 1 when every source has data (nox_basesrc_get_dataready), which one that is not
+ * live never has; 1 without sources. */
 NOX_API uint8_t nox_pipe_get_allsrc_started(NOXPipe *pipe);
+
+/** 1 when every source has stopped (nox_basesrc_get_stopped); 1 without sources. */
 NOX_API uint8_t nox_pipe_get_allsrc_stopped(NOXPipe *pipe);
 
 /* ---- internal steps that are exported ------------------------------------ */
 
-/** Called by a sink that reached end of stream: posts NOX_MSG_EOS when all have. 0. */
+/** Called by a sink that reached end of stream, on the thread that delivered it:
+ * posts NOX_MSG_EOS under the last member's name when all sinks have. 0. */
 NOX_API int32_t nox_pipe_set_eos(NOXPipe *pipe);
 
-/** The control thread's body (takes a NOXPipe). */
+/** The control thread's body (takes a NOXPipe); ends the calling thread. */
 NOX_API int32_t nox_pipe_loop(void *pipe);
 
-/** The steps of nox_pipe_set_state: the source members; everything downstream of
- * them (the OR of all results). */
+/** The step of nox_pipe_set_state for the source members, in order. -1 at the first
+ * that refuses, and without sources. */
 NOX_API int32_t pipe_src_set_state(NOXPipe *pipe, int32_t state);
+
+/** The step of nox_pipe_set_state for everything downstream of the sources. The OR of
+ * all results: one that refuses does not keep the rest from changing. */
 NOX_API int32_t pipe_iterate_set_state(NOXPipe *pipe, int32_t state);
 
-/** The step of nox_pipe_linked_plugins_set_state: `plugin` and all below it; 0. */
+/** The step of nox_pipe_linked_plugins_set_state: `plugin` (may be null) and all below
+ * it; 0 whatever they answer. */
 NOX_API int32_t pipe_iterate_linked_plugin_set_state(NOXPlugin *plugin, int32_t state);
 
 #ifdef __cplusplus
