@@ -30,31 +30,50 @@ typedef struct NOXMemory NOXMemory;
  * before owned bytes are freed, on the releasing thread. Non-zero is traced. */
 typedef int32_t (*NOXMemoryFinalizeFunc)(NOXMemory *memory);
 
+/** One block. */
 struct NOXMemory {
-    NOXObject object;
-    uint32_t datasize;  /**< valid bytes at data */
-    uint32_t allocsize; /**< bytes owned at data; 0: data is borrowed */
-    uint8_t *data;
+    NOXObject object;                    /**< not lockable; named after its pool */
+    uint32_t datasize;                   /**< valid bytes at data */
+    uint32_t allocsize;                  /**< bytes owned at data; 0: data is borrowed */
+    uint8_t *data;                       /**< the bytes, or null */
     void *private_;                      /**< the creator's own value */
-    NOXMemoryFinalizeFunc finalize_func; /**< or null */
+    NOXMemoryFinalizeFunc finalize_func; /**< release hook, or null */
 };
 
-/** A new block with one reference. `size` above 0 allocates that many zero bytes;
- * with 0 it carries none yet. Null, after a level-1 trace, on failure. */
+/** A new block with one reference, the caller's. `size` above 0 (bytes) allocates that
+ * many zero bytes, with 0 it carries none yet. Null, after a level-1 trace, when memory
+ * runs out. Any thread. */
 NOX_API NOXMemory *nox_memory_new(uint32_t size);
 
 /** Size in bytes of NOXMemory. */
 NOX_API uint32_t nox_memory_get_size(void);
 
-/** Accessors: they only read and store. Setting `data` of a block that owns its
- * bytes makes the block free the new pointer at its end. Setting the data size
- * returns the size set; the other setters return 0. */
+/*
+ * Accessors: each only reads or stores its field. `memory` must not be null. Setters
+ * are for the creator, before the block is shared.
+ */
+
+/** The bytes, lent for as long as the block lives; null when it carries none. */
 NOX_API uint8_t *nox_memory_get_data(NOXMemory *memory);
+
+/** Points a borrowing block at bytes of the caller's, which must outlive it; 0. Not for
+ * a block that owns its bytes: it would free the new pointer and lose the old. */
 NOX_API int32_t nox_memory_set_data(NOXMemory *memory, void *data);
+
+/** Valid bytes at the data. */
 NOX_API uint32_t nox_memory_get_datasize(NOXMemory *memory);
+
+/** Stores the number of valid bytes, unchecked, and returns it. A buffer that has the
+ * block already keeps the sum it had. */
 NOX_API uint32_t nox_memory_set_datasize(NOXMemory *memory, uint32_t datasize);
+
+/** The creator's own value, as stored. */
 NOX_API void *nox_memory_get_private(NOXMemory *memory);
+
+/** Stores the creator's own value (may be null), which the library does not touch; 0. */
 NOX_API int32_t nox_memory_set_private(NOXMemory *memory, void *private_value);
+
+/** Stores the release hook (may be null); 0. */
 NOX_API int32_t nox_memory_set_finalize_func(NOXMemory *memory, NOXMemoryFinalizeFunc finalize);
 
 #ifdef __cplusplus

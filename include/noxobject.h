@@ -14,6 +14,10 @@
  * The last nox_object_delete runs the record's finalizer and releases it. A
  * record of one's own begins with NOXObject as well and is made with
  * nox_object_new(sizeof(MyRecord), "name", 0).
+ *
+ * Every function takes `object` as a pointer to any record that begins with
+ * NOXObject. Unless said otherwise it must not be null, and the call may be made on
+ * any thread that holds a reference.
  */
 #ifndef NOX_NOXOBJECT_H
 #define NOX_NOXOBJECT_H
@@ -33,7 +37,8 @@ extern "C" {
 #endif
 
 /** A record's destructor, called once with the object by the last
- * nox_object_delete. Non-zero is traced; the record is released all the same. */
+ * nox_object_delete, on its thread. It releases what the fields hold, not the record.
+ * Non-zero is traced; the record is released all the same. */
 typedef int32_t (*NOXObjectFinalizeFunc)(void *object);
 
 /** The header. Read its fields freely; write them through the operations. */
@@ -44,15 +49,9 @@ typedef struct NOXObject {
     uint32_t refcount;              /**< holders; changed atomically */
     void *parent;                   /**< the owner, or null; no reference is held */
     OSA_Mutex *mutex;               /**< of a lockable object, else null */
-    NOXObjectFinalizeFunc finalize; /**< or null */
+    NOXObjectFinalizeFunc finalize; /**< the record's destructor, or null */
     OSA_Library *library;           /**< the library a plugin came from, else null */
 } NOXObject;
-
-/*
- * Every function below takes `object` as a pointer to any record that begins
- * with NOXObject. Unless said otherwise it must not be null, and the call may
- * be made on any thread that holds a reference.
- */
 
 /** A new record of `size` bytes (at least sizeof(NOXObject)), zero after its
  * header, with one reference that the caller owns. `name` is copied; null
@@ -67,7 +66,7 @@ NOX_API void *nox_object_refer(void *object);
 
 /** Gives one reference back (null is ignored). The last one runs the finalizer,
  * destroys the mutex, unloads the plugin library and releases the record, on
- * the calling thread. */
+ * the calling thread. A count that is 0 already is traced at level 1 and left. */
 NOX_API void nox_object_delete(void *object);
 
 /** The count at this moment; other threads may change it at once. */
@@ -80,18 +79,24 @@ NOX_API char *nox_object_get_name(void *object);
 /** Returns 0 and changes nothing: a name is fixed at creation. */
 NOX_API int32_t nox_object_set_name(void *object, const char *name);
 
-/** The owner: stored and returned as given, without a reference. */
+/** Stores the owner (may be null) without taking a reference; 0. */
 NOX_API int32_t nox_object_set_parent(void *object, void *parent);
+
+/** The owner last stored, lent, or null. */
 NOX_API void *nox_object_get_parent(void *object);
 
-/** Locks and unlocks the object's recursive mutex, waiting without limit. -1,
- * after a level-1 trace, for an object that is not lockable. */
+/** Locks the object's recursive mutex, waiting without limit; 0. -1, after a level-1
+ * trace, for an object that is not lockable. */
 NOX_API int32_t nox_object_lock(void *object);
+
+/** Unlocks on the thread that locked; 0. -1 as for nox_object_lock. */
 NOX_API int32_t nox_object_unlock(void *object);
 
-/** The finalizer. Setting one where one is set replaces it, after a level-1
- * trace; returns 0. */
+/** The finalizer, or null. */
 NOX_API NOXObjectFinalizeFunc nox_object_get_finalize_func(void *object);
+
+/** Stores a finalizer (may be null), replacing one that is set, which is traced at
+ * level 1; 0. By the creator, before the object is shared. */
 NOX_API int32_t nox_object_set_finalize_func(void *object, NOXObjectFinalizeFunc finalize);
 
 /** Size in bytes of NOXObject. */
