@@ -12,6 +12,9 @@
  *
  * The handler runs on the bus thread. It must not wait for the bus to end, which
  * dropping the last reference to the pipe would do.
+ *
+ * `bus` must not be null. Without a pipe a bus is made with nox_bus_new and released
+ * with nox_object_delete, which ends its thread; messages still queued are dropped.
  */
 #ifndef NOX_NOXBUS_H
 #define NOX_NOXBUS_H
@@ -22,7 +25,7 @@
 extern "C" {
 #endif
 
-/** Message codes of the library. Plugins may post codes of their own. */
+/* Message codes of the library. Plugins may post codes of their own. */
 #define NOX_MSG_STARTED 1              /**< a live source's first data, or its recovery */
 #define NOX_MSG_EOS 3                  /**< end of stream */
 #define NOX_MSG_SINK 5                 /**< a sink's first data, on request (option "report") */
@@ -33,13 +36,15 @@ extern "C" {
 
 typedef struct NOXBus NOXBus;
 
-/** The application's handler. `name` (of the poster) and `text` may be null and
- * are freed when it returns. Its result is ignored. */
+/** The application's handler, called on the bus thread with the argument that was set
+ * with it. `name` (of the poster) and `text` may be null and are freed when it returns.
+ * Its result is ignored. */
 typedef int32_t (*NoxBusHandler)(NOXBus *bus, void *handler_data, const char *name, int32_t code,
                                  const char *text);
 
+/** The bus. */
 struct NOXBus {
-    NOXObject object;
+    NOXObject object;      /**< lockable, though the bus never locks itself */
     void *parent;          /**< the pipe that owns the bus; not referenced */
     OSA_Queue *queue;      /**< of NOXBusMsg */
     NoxBusHandler handler; /**< or null: messages are dropped */
@@ -52,22 +57,27 @@ struct NOXBus {
 
 /** One message on its way; the queue owns it. */
 typedef struct NOXBusMsg {
-    char *name; /**< owned, may be null */
-    int32_t code;
-    char *text; /**< owned, may be null */
+    char *name;   /**< of the poster; owned, may be null */
+    int32_t code; /**< NOX_MSG_, or a plugin's own */
+    char *text;   /**< owned, may be null */
 } NOXBusMsg;
 
-/** A new bus with one reference and its thread running; its queue takes `name`.
- * Null, after a level-1 trace, when any part of it cannot be made. */
+/** A new bus with one reference, the caller's, and its thread running; its queue takes
+ * `name`, which is copied. Null, after a level-1 trace, when any part of it cannot be
+ * made. Any thread. */
 NOX_API NOXBus *nox_bus_new(const char *name);
 
-/** The pipe that a plugin of this bus belongs to: stored and returned. */
+/** Stores the pipe that the plugins of this bus belong to (may be null), without a
+ * reference; 0. Done by the pipe. */
 NOX_API int32_t nox_bus_set_parent(NOXBus *bus, void *parent);
+
+/** The pipe last stored, lent, or null. */
 NOX_API void *nox_bus_get_parent(NOXBus *bus);
 
-/** Sets the handler and its argument, always seen as a pair; null for none.
- * Messages taken off the queue before are not replayed. The old handler may still
- * be running, once, with its old data when this returns. Any thread, any time; 0. */
+/** Sets the handler and its argument, always seen as a pair; null for none: messages
+ * are then dropped as they come. Those taken off the queue before are not replayed. The
+ * old handler may still be running, once, with its old data when this returns: keep that
+ * data until the new one has been called or the bus has ended. Any thread, any time; 0. */
 NOX_API int32_t nox_bus_set_handler(NOXBus *bus, NoxBusHandler handler, void *handler_data);
 
 /** Posts a message; `name` and `text` are copied and may be null. Never waits
@@ -75,9 +85,12 @@ NOX_API int32_t nox_bus_set_handler(NOXBus *bus, NoxBusHandler handler, void *ha
  * memory runs out. Any thread. */
 NOX_API int32_t nox_bus_post_error(NOXBus *bus, const char *name, int32_t code, const char *text);
 
-/** The bus thread's body and the object finalizer of a bus (both take a NOXBus).
- * Not for applications: release a bus with nox_object_delete. */
+/** The bus thread's body (takes a NOXBus); ends the calling thread. Not for
+ * applications. */
 NOX_API int32_t nox_bus_loop(void *bus);
+
+/** The object finalizer of a bus (takes a NOXBus): waits for the bus thread to end and
+ * drops what is queued; 0. Not for applications. */
 NOX_API int32_t nox_bus_finalize(void *bus);
 
 #ifdef __cplusplus

@@ -1,4 +1,9 @@
-/** @file noxcore: the whole public interface of libnoxcore. */
+/**
+ * @file
+ * noxcore: the whole public interface of libnoxcore.
+ *
+ *     #include <noxcore.h>
+ */
 #ifndef NOX_NOXCORE_H
 #define NOX_NOXCORE_H
 

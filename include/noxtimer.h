@@ -3,7 +3,13 @@
  * noxtimer: the pipeline clock. It counts milliseconds of the system tick while
  * it runs, stands still while it is stopped, and can run faster or slower. Every
  * pipe owns one; sources stamp their buffers with its reading and sinks wait
- * until it reaches a buffer's timestamp.
+ * until it reaches a buffer's timestamp. A clock can also be used by itself:
+ *
+ *     NOXTimer *clock = nox_timer_new("recording");
+ *     nox_timer_start(clock);
+ *     ...
+ *     uint64_t recorded_ms = nox_timer_gettime(clock);
+ *     nox_object_delete(clock);
  *
  * Any thread may call any function; `timer` must not be null unless said.
  */
@@ -16,10 +22,12 @@
 extern "C" {
 #endif
 
+/** The clock. Its object lock guards the fields: read them through the operations.
+ * Ticks are milliseconds of OSA_GetSystemTick. */
 typedef struct NOXTimer {
-    NOXObject object;
+    NOXObject object;      /**< lockable */
     uint8_t running;       /**< 1 while the clock runs */
-    uint64_t starttick;    /**< tick of the first start; 0: never started */
+    uint64_t starttick;    /**< tick of the first start or the last reset; 0: neither yet */
     uint64_t basetick;     /**< tick that the first reading counts from */
     uint64_t lasttick;     /**< tick at which `time` was last brought up to date */
     uint64_t time;         /**< the reading, ms */
@@ -29,59 +37,73 @@ typedef struct NOXTimer {
     int64_t streamts;      /**< lowest stream timestamp reported, ms; INT64_MAX: none */
     uint8_t timeset;       /**< the reading was set since the last stop or reset */
     OSA_Event *startevent; /**< signalled once, at the first start */
-    float rate;            /**< speed; 1.0 is real time */
-    int64_t delay;         /**< for the clock's users; not part of the reading */
+    float rate;            /**< clock milliseconds in one of the tick; 1.0 is real time */
+    int64_t delay;         /**< ms, for the clock's users; not part of the reading */
 } NOXTimer;
 
-/** A new clock with one reference, reading 0, stopped, at rate 1.0. Null, after
- * a level-1 trace, on failure. */
+/** A new clock with one reference, the caller's, reading 0, stopped, at rate 1.0.
+ * `name` is copied; null names it "unknown". Null, after a level-1 trace, on failure. */
 NOX_API NOXTimer *nox_timer_new(const char *name);
 
 /** The object finalizer of a clock (a NOXTimer); -1 for null. Not for
  * applications: release a clock with nox_object_delete. */
 NOX_API int32_t nox_timer_finalize(void *timer);
 
-/** Lets the clock run on from its reading; time spent stopped is not counted.
- * 0. Starting a running clock changes nothing but the moment from which the
- * next reading counts. */
+/** Lets the clock run on from its reading; time spent stopped is not counted. The
+ * first start ends a wait (nox_timer_wait). A running clock that has read above 0 loses
+ * what has passed since its last reading; otherwise starting it again changes nothing.
+ * 0. */
 NOX_API int32_t nox_timer_start(NOXTimer *timer);
 
 /** Freezes the reading at the value last read, and clears the delay; 0. */
 NOX_API int32_t nox_timer_stop(NOXTimer *timer);
 
-/** Makes the clock run, counted from this moment if it never read anything but
- * 0, and clears the delay; 0. */
+/** Makes the clock run, counted from this moment if it never read anything but 0, and
+ * clears the delay. A reading above 0 goes on from where it was, with what has passed
+ * since it was last read, stopped or not. 0. */
 NOX_API int32_t nox_timer_reset(NOXTimer *timer);
 
-/** The reading in ms; 0 until the clock has been started. */
+/** The reading in ms; 0 until the clock has been started. Takes the clock's lock. */
 NOX_API uint64_t nox_timer_gettime(NOXTimer *timer);
 
-/** Waits at most `timeout_ms` for the first start. 0 when it came, non-zero
- * otherwise; one start ends one wait, so read the clock again in between. */
+/** Waits at most `timeout_ms` (OSA_WAIT_FOREVER: without limit) for the first start. 0
+ * when it came, non-zero otherwise. The start ends one wait only, and on a clock that
+ * was reset before it none: wait for a short time and read the clock in between. */
 NOX_API int32_t nox_timer_wait(NOXTimer *timer, uint32_t timeout_ms);
 
-/** Moves the reading on by `offset` ms; 0. */
+/** Moves the reading on by `offset` ms, and by what has passed since the last reading,
+ * also on a clock that stands (one never started: since tick 0). 0. */
 NOX_API int32_t nox_timer_settime(NOXTimer *timer, uint64_t offset);
 
-/** Sets reading and last tick to `time`; 0. The next reading of a running clock
- * is `time` plus the ticks from `time` to now. */
+/** Sets the reading to `time` ms and takes that for the tick of the last reading as
+ * well: the next reading of a running clock is `time` plus the ticks from `time` to
+ * now. So `time` must not lie after the tick, and the clock must read in its range. 0. */
 NOX_API int32_t nox_timer_settime_absolute(NOXTimer *timer, uint64_t time);
 
-/** Shifts the base of the first reading by the present reading less `time`; 0. */
+/** Shifts the base that the first reading counts from by the present reading less
+ * `time` ms; a clock that has read more than 0 keeps its reading. 0. */
 NOX_API int32_t nox_timer_adjustbasetime(NOXTimer *timer, uint64_t time);
 
-/** Keeps the lowest timestamp reported; INT64_MAX clears it; 0. */
+/** Reports a stream timestamp in ms, of which the lowest is kept; INT64_MAX clears it.
+ * Takes no lock. 0. */
 NOX_API int32_t nox_timer_set_streamts(NOXTimer *timer, int64_t timestamp);
 
-/** The lowest timestamp reported, or -1 when there is none. */
+/** The lowest timestamp reported, ms, or -1 when there is none. Takes no lock. */
 NOX_API int64_t nox_timer_get_streamts(NOXTimer *timer);
 
-/** The speed from the next reading on, for the whole interval since the last; 0. */
+/** Stores the speed, unchecked: 1.0 is real time, 2.0 twice as fast, 0 stands still. It
+ * holds from the next reading on, for the whole interval since the last; read the clock
+ * first to have it exact. 0. */
 NOX_API int32_t nox_timer_set_rate(NOXTimer *timer, float rate);
+
+/** The speed last stored; 1.0 at first. */
 NOX_API float nox_timer_get_rate(NOXTimer *timer);
 
-/** A value in ms for the clock's users; stop and reset clear it; 0. */
+/** Stores a value in ms for the clock's users, which the reading does not use; stop and
+ * reset clear it. 0. */
 NOX_API int32_t nox_timer_set_delay(NOXTimer *timer, int64_t delay);
+
+/** The delay last stored, ms, or 0. */
 NOX_API int64_t nox_timer_get_delay(NOXTimer *timer);
 
 #ifdef __cplusplus
