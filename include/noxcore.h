@@ -12,6 +12,7 @@
 #include "noxbasefilter.h"
 #include "noxbasesink.h"
 #include "noxbasesrc.h"
+#include "noxbufadpt.h"
 #include "noxbuffer.h"
 #include "noxbus.h"
 #include "noxmemory.h"

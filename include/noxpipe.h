@@ -51,6 +51,12 @@ typedef struct NOXPipe {
     OSA_Queue *msgq;      /**< its requests (NOXPipeMsg) */
 } NOXPipe;
 
+/** What `data` of a NOX_EVENT_CLOCKRATE points to, for the time of the delivery. */
+typedef struct NOXClockRateChange {
+    float previous; /**< the pipe's clockrate before; 0.0 when none had been set */
+    float rate;     /**< the new one */
+} NOXClockRateChange;
+
 /** Called on the control thread when an asynchronous change is done; `result` is
  * what nox_pipe_set_state returned. Its own result is ignored. */
 typedef int32_t (*NoxPipeAsyncCallback)(NOXPipe *pipe, int32_t state, int32_t result);
@@ -181,6 +187,57 @@ NOX_API uint8_t nox_pipe_get_allsrc_started(NOXPipe *pipe);
 
 /** 1 when every source has stopped (nox_basesrc_get_stopped); 1 without sources. */
 NOX_API uint8_t nox_pipe_get_allsrc_stopped(NOXPipe *pipe);
+
+/* ---- the clock ------------------------------------------------------------ */
+
+/** The pipeline clock that every member was handed, lent. Any thread. */
+NOX_API NOXTimer *nox_pipe_get_timer(NOXPipe *pipe);
+
+/** The clock's reading in ms. Any thread. */
+NOX_API uint64_t nox_pipe_get_time(NOXPipe *pipe);
+
+/** The reference time in ms on the clock that plugins measure from. A change to
+ * PLAY overwrites it with the clock's reading; set stores another and returns it.
+ * Any thread. */
+NOX_API uint64_t nox_pipe_get_basereftime(NOXPipe *pipe);
+NOX_API uint64_t nox_pipe_set_basereftime(NOXPipe *pipe, uint64_t time);
+
+/** Stores a value of the application's own for its plugins; not owned. 0. Any
+ * thread, but plugins read the field as it is: before PLAY, to be seen by all. */
+NOX_API int32_t nox_pipe_setclocksrc(NOXPipe *pipe, void *clocksrc);
+
+/** Lets the clock run `rate` times as fast as time passes, from now on and in all
+ * states to come, and delivers NOX_EVENT_CLOCKRATE with a NOXClockRateChange as
+ * nox_pipe_set_event does. -1 when a plugin refused it; the new rate is in force
+ * all the same. Not beside a change of state or of members. */
+NOX_API int32_t nox_pipe_set_clockrate(NOXPipe *pipe, float rate);
+
+/** The last rate set; 0.0 when none was, though the clock then runs at 1.0. Any
+ * thread. */
+NOX_API float nox_pipe_get_clockrate(NOXPipe *pipe);
+
+/* ---- the graph as text ---------------------------------------------------- */
+
+/** Bytes of the block that nox_pipe_print returns, the terminating zero included. */
+#define NOX_PIPE_TEXT_SIZE 4096u
+
+/** The linked graph in the DOT language, in a block that the caller releases with
+ * OSA_Free(text, 0). Members' names stand in it as they are. A text that outgrows
+ * its block ends with the last piece that fitted and the closing brace, after a
+ * level-1 trace. Null, after a level-1 trace, without memory. Not beside a change
+ * of members or links. */
+NOX_API char *nox_pipe_print(NOXPipe *pipe);
+
+/** The same text to a file, which is created or emptied, and to the trace at level
+ * 2; a null path means the trace only. 0, also when the file cannot be opened; one
+ * that cannot be written is told at level 1. */
+NOX_API int32_t nox_pipe_dump(NOXPipe *pipe, const char *path);
+
+/** The steps of nox_pipe_print: append to `text`, a zero-terminated text in a block
+ * of NOX_PIPE_TEXT_SIZE bytes, the edges of the chain that starts at `plugin` and
+ * of its branches; or a line with a label for each plugin that they lead to. */
+NOX_API void pipe_print_plugin(NOXPlugin *plugin, char *text);
+NOX_API void pipe_print_pluginname(NOXPlugin *plugin, char *text);
 
 /* ---- internal steps that are exported ------------------------------------ */
 

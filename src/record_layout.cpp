@@ -68,6 +68,15 @@ NOX_FIELD(NOXBuffer, finalize_func, 184);
 NOX_FIELD(NOXBuffer, syncfunc, 192);
 NOX_SIZE(NOXBuffer, 200);
 
+NOX_FIELD(NOXBufAdpt, buffers, 56);
+NOX_FIELD(NOXBufAdpt, stage, 64);
+NOX_FIELD(NOXBufAdpt, cur, 80);
+NOX_FIELD(NOXBufAdpt, avail, 88);
+NOX_FIELD(NOXBufAdpt, capacity, 92);
+NOX_FIELD(NOXBufAdpt, active, 96);
+NOX_FIELD(NOXBufAdpt, consumed, 100);
+NOX_SIZE(NOXBufAdpt, 104);
+
 NOX_FIELD(NOXBufferRequest, count, 0);
 NOX_FIELD(NOXBufferRequest, reserved, 4);
 NOX_FIELD(NOXBufferRequest, sizes, 8);
@@ -152,6 +161,9 @@ NOX_FIELD(NOXPipe, running, 312);
 NOX_FIELD(NOXPipe, thread, 320);
 NOX_FIELD(NOXPipe, msgq, 328);
 NOX_SIZE(NOXPipe, 336);
+NOX_FIELD(NOXClockRateChange, previous, 0);
+NOX_FIELD(NOXClockRateChange, rate, 4);
+NOX_SIZE(NOXClockRateChange, 8);
 NOX_FIELD(NOXPipeMsg, pipe, 0);
 NOX_FIELD(NOXPipeMsg, kind, 8);
 NOX_FIELD(NOXPipeMsg, state, 12);

@@ -1,0 +1,71 @@
+/**
+ * @file
+ * noxbufadpt: turns buffers of any sizes into one run of bytes that a consumer
+ * takes in pieces of its own size.
+ *
+ *     NOXBufAdpt *adapter = nox_bufadpt_new("blocks", largest_backlog);
+ *     ...
+ *     nox_object_refer(buffer);
+ *     if (nox_bufadpt_add(adapter, buffer) != 0)
+ *         nox_object_delete(buffer);
+ *     while ((bytes = nox_bufadpt_get_data(adapter, &available, &first)) && available >= block) {
+ *         use(bytes, block, nox_buffer_get_timestamp(first));
+ *         nox_bufadpt_release_data(adapter, block);
+ *     }
+ *
+ * The bytes of a buffer are copied when it is added; the buffer itself stays
+ * queued until its last byte is released, so that its metadata can be asked for.
+ *
+ * An adapter has no lock: one thread at a time uses it. `adapter` must not be null.
+ * It is released with nox_object_delete, which releases what is still queued.
+ */
+#ifndef NOX_NOXBUFADPT_H
+#define NOX_NOXBUFADPT_H
+
+#include "noxbuffer.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct NOXBufAdpt {
+    NOXObject object;
+    OSA_List *buffers; /**< queued buffers (NOXBuffer), oldest first; one reference each */
+    uint8_t *stage[2]; /**< staging areas of `capacity` bytes each */
+    uint8_t *cur;      /* first unconsumed byte, in the active area; null until the first add */
+    uint32_t avail;    /* unconsumed bytes at `cur` */
+    uint32_t capacity; /**< bytes of one staging area: twice the size given at creation */
+    uint32_t active;   /* index of the active staging area, 0 or 1 */
+    uint32_t consumed; /**< bytes of the oldest queued buffer that have been released */
+} NOXBufAdpt;
+
+/** A new adapter with one reference that holds at most 2 * `size` unconsumed bytes.
+ * Null, after a level-1 trace and with nothing kept, when memory runs out or
+ * 2 * `size` does not fit 32 bits. */
+NOX_API NOXBufAdpt *nox_bufadpt_new(const char *name, uint32_t size);
+
+/** Appends the bytes of all blocks of a buffer and takes over the caller's
+ * reference to it. -1, after a level-1 trace, when the bytes do not fit beside
+ * the unconsumed ones or memory runs out: nothing changed then, and the caller
+ * keeps its reference. */
+NOX_API int32_t nox_bufadpt_add(NOXBufAdpt *adapter, NOXBuffer *buffer);
+
+/** All unconsumed bytes as one array, lent until the next add or release; their
+ * number is stored through `size`, and the buffer that the first of them came from,
+ * lent as well, through `buffer`. `consumed` bytes of that buffer lie before them.
+ * Null, with nothing stored, when no buffer is queued. */
+NOX_API uint8_t *nox_bufadpt_get_data(NOXBufAdpt *adapter, uint32_t *size, NOXBuffer **buffer);
+
+/** The queued buffer at a position counted from 0, the oldest, lent; or null. */
+NOX_API NOXBuffer *nox_bufadpt_get_buf(NOXBufAdpt *adapter, uint32_t position);
+
+/** Consumes the first `size` bytes, and releases each buffer whose last byte is
+ * among them. -1, with nothing changed, when no buffer is queued or fewer bytes are
+ * available. */
+NOX_API int32_t nox_bufadpt_release_data(NOXBufAdpt *adapter, uint32_t size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
