@@ -39,7 +39,12 @@ extern "C" {
 #endif
 
 /** States of a plugin and of a pipe. */
-enum { NOX_STATE_NULL = 0, NOX_STATE_READY = 1, NOX_STATE_PAUSE = 2, NOX_STATE_PLAY = 3 };
+enum {
+    NOX_STATE_NULL = 0,  /**< stopped; a push to it on branch 0 is swallowed */
+    NOX_STATE_READY = 1, /**< told only: nothing is started or stopped */
+    NOX_STATE_PAUSE = 2, /**< a live source that was started is parked */
+    NOX_STATE_PLAY = 3   /**< started; data flows */
+};
 
 /** Event types of the library. Plugins may define others. */
 enum {
@@ -52,8 +57,8 @@ enum {
 
 /** An event. It is the sender's and may live on its stack: do not keep it. */
 typedef struct NOXEvent {
-    void *data; /**< null for most types */
-    int32_t type;
+    void *data;   /**< what the type says; null for most */
+    int32_t type; /**< NOX_EVENT_, or a plugin's own */
 } NOXEvent;
 
 typedef struct NOXPlugin NOXPlugin;
@@ -67,19 +72,46 @@ typedef struct NOXPluginGroupMember {
     int32_t attend;    /**< attending while above 0; read by the other members' threads */
 } NOXPluginGroupMember;
 
+/* The slots. Each is optional; 0 is success. "The controlling thread" is whichever
+ * called the operation: the application's, or the pipe's control thread. */
+
+/** start_func, stop_func: on the controlling thread, from nox_plugin_start and _stop, which
+ * return its result. finalize_func: once, on the thread of the last release, for what
+ * the plugin's own fields hold; the library releases the rest. */
 typedef int32_t (*NOXPluginFunc)(NOXPlugin *plugin);
+
+/** Told of a change to `state` (NOX_STATE_) before it is stored, on the controlling
+ * thread. What it returns does not keep the state from being stored. */
 typedef int32_t (*NOXPluginSetStateFunc)(NOXPlugin *plugin, int32_t state);
+
+/** Told of a new link from `plugin` to `next` before it is made, on the linking thread.
+ * For nox_plugin_link_many it makes the link itself: it sets the `next` field. */
 typedef int32_t (*NOXPluginLinkFunc)(NOXPlugin *plugin, NOXPlugin *next);
+
+/** Asked by the upstream plugin's nox_plugin_push_prepare, on its thread; what `argument`
+ * is, the two plugins agree on. */
 typedef int32_t (*NOXPluginPrepareFunc)(NOXPlugin *plugin, void *argument);
+
+/** Takes one buffer on the pushing thread and returns when it is done with it. The buffer
+ * is lent for the call, and other branches read it too: do not write to it, and take a
+ * reference (nox_object_refer) to keep it. Two sources enter it on two threads. */
 typedef int32_t (*NOXPluginChainFunc)(NOXPlugin *plugin, NOXBuffer *buffer);
+
+/** setformat_func takes options from the format, getformat_func enters what the plugin
+ * knows into it, on the caller's thread, also while data flows. The format is lent. */
 typedef int32_t (*NOXPluginFormatFunc)(NOXPlugin *plugin, NOXStructure *format);
+
+/** The allocator that the plugin offers the one upstream, lent for as long as they are
+ * linked, or null; on the upstream plugin's thread. */
 typedef NOXAllocator *(*NOXPluginGetAllocatorFunc)(NOXPlugin *plugin);
+
+/** Takes an event, which is lent for the call, on the thread that pushes or sends it. */
 typedef int32_t (*NOXPluginEventFunc)(NOXPlugin *plugin, NOXEvent *event);
 
 /** The plugin record. Plugin code may read every field; the slots are written by
  * its init function, the rest by the operations below. */
 struct NOXPlugin {
-    NOXObject object;
+    NOXObject object;           /**< lockable; its parent is the pipe */
     char *plgname;              /**< the type's name in the registry; owned */
     NOXBus *bus;                /**< where it posts; not referenced */
     NOXTimer *timer;            /**< the pipeline clock; not referenced */
@@ -93,28 +125,30 @@ struct NOXPlugin {
     NOXAllocator *outallocator; /**< chosen for its output buffers; not referenced */
     uint8_t outallocator_set;   /**< the choice has been made */
     OSA_Event *state_event;     /**< sent when the state leaves PAUSE for PLAY or NULL */
-    uint8_t issrc;
-    uint8_t issink;
-    uint8_t busy;                        /**< a buffer is being handed to chain_func */
-    void *reserved;                      /**< the plugin's own; the library does not touch it */
-    NOXPluginSetStateFunc setstate_func; /**< before a new state is stored */
-    NOXPluginLinkFunc link_func;         /**< told of each new link; its own business */
-    NOXPluginPrepareFunc prepare_func;   /**< nox_plugin_push_prepare, on the downstream side */
-    NOXPluginChainFunc chain_func;       /**< takes a pushed buffer, lent for the call */
-    NOXPluginFormatFunc setformat_func;
-    NOXPluginFormatFunc getformat_func;
-    NOXPluginGetAllocatorFunc getallocator_func; /**< the allocator it offers, lent; or null */
-    NOXPluginFunc finalize_func;                 /**< its own clean-up */
-    NOXPluginEventFunc event_func;
-    NOXPluginFunc start_func;
-    NOXPluginFunc stop_func;
+    uint8_t issrc;              /**< 1: the head of a chain; stands on NOXBaseSrc */
+    uint8_t issink;             /**< 1: the end of a chain; stands on NOXBaseSink */
+    uint8_t busy;               /**< a buffer is being handed to chain_func */
+    void *reserved;             /**< the plugin's own; the library does not touch it */
+    NOXPluginSetStateFunc setstate_func;         /**< told before a new state is stored */
+    NOXPluginLinkFunc link_func;                 /**< told of each new link downstream */
+    NOXPluginPrepareFunc prepare_func;           /**< asked by nox_plugin_push_prepare upstream */
+    NOXPluginChainFunc chain_func;               /**< takes a pushed buffer; a push fails without */
+    NOXPluginFormatFunc setformat_func;          /**< takes options */
+    NOXPluginFormatFunc getformat_func;          /**< tells options and facts */
+    NOXPluginGetAllocatorFunc getallocator_func; /**< the allocator it offers upstream */
+    NOXPluginFunc finalize_func;                 /**< clean-up at the last release */
+    NOXPluginEventFunc event_func;               /**< takes an event */
+    NOXPluginFunc start_func;                    /**< on the way to PLAY from NULL or READY */
+    NOXPluginFunc stop_func;                     /**< on the way to NULL */
 };
 
 /* ---- creation and destruction -------------------------------------------- */
 
-/** A new plugin of the registered type `plgname`, named `name`, in state NULL and
- * with one reference. Release it with nox_object_delete, or add it to a pipe,
- * which takes the reference over. Null, after level-1 traces, on failure. */
+/** A new plugin of the registered type `plgname`, named `name` (copied; null names it
+ * "unknown"), in state NULL and with one reference, the caller's. Release it with
+ * nox_object_delete, or add it to a pipe, which takes the reference over. Null, after
+ * level-1 traces, when the type is not registered, its library unfit or memory short.
+ * Any thread. */
 NOX_API NOXPlugin *nox_plugin_new(const char *plgname, const char *name);
 
 /** Traces only; a plugin is released with nox_object_delete. */
@@ -129,133 +163,164 @@ NOX_API int32_t nox_plugin_finalize(void *plugin);
 NOX_API uint32_t nox_plugin_get_size(void);
 
 /** Makes the state event; called by the base classes' inits, or by the init of a
- * plugin that stands on none. Checked. */
+ * plugin that stands on none. -1, after a level-1 trace, when it cannot. Checked. */
 NOX_API int32_t nox_plugin_init(NOXPlugin *plugin);
 
 /* ---- lifecycle: all checked ---------------------------------------------- */
 
-/** Sets `started` and calls start_func; 0 without one. */
+/** Sets `started` and returns what start_func answers, 0 without one. `started` stays
+ * set when that is a failure. */
 NOX_API int32_t nox_plugin_start(NOXPlugin *plugin);
 
-/** Clears `started`, waits up to 300 ms for a chain call in progress, and calls
- * stop_func; 0 without one. */
+/** Clears `started`, waits up to 300 ms for a chain call in progress, and returns what
+ * stop_func answers, 0 without one. That of a source waits for its thread to end. */
 NOX_API int32_t nox_plugin_stop(NOXPlugin *plugin);
 
-/** Hand a format to the plugin, or let it fill one; -1 without the slot and for
- * a null format. The format stays the caller's. */
+/** Hands options to the plugin and returns what it answers; -1, after a level-1 trace,
+ * without setformat_func and for a null format. The format stays the caller's. */
 NOX_API int32_t nox_plugin_setformat(NOXPlugin *plugin, NOXStructure *format);
+
+/** Lets the plugin enter its options and facts into the format, which stays the
+ * caller's; results as for nox_plugin_setformat. */
 NOX_API int32_t nox_plugin_getformat(NOXPlugin *plugin, NOXStructure *format);
 
-/** Hands an event to this plugin only; 0 without event_func. */
+/** Hands an event to this plugin only and returns what it answers; 0 without
+ * event_func. The event stays the caller's. */
 NOX_API int32_t nox_plugin_setevent(NOXPlugin *plugin, NOXEvent *event);
 
 /** Changes the state: calls setstate_func, stores the state whatever that
  * returned, then wakes, starts or stops as the table above says. The result is
- * that of stop (to NULL) or start (to PLAY, not from PAUSE), else setstate_func's. */
+ * that of stop (to NULL) or start (to PLAY, not from PAUSE), else setstate_func's. 0 at
+ * once for the state it is in. A live source's change to PAUSE waits until its thread is
+ * parked. */
 NOX_API int32_t nox_plugin_setstate(NOXPlugin *plugin, int32_t state);
 
-NOX_API int32_t nox_plugin_get_state(NOXPlugin *plugin); /**< not checked */
-NOX_API const char *nox_plugin_state_str(int32_t state); /**< "NULL" .. "PLAY", else "??" */
-
-/** Forgets links and output allocator; 0. State, bus, clock and group stay. Not
+/** The state (NOX_STATE_), which is stored before start and stop run. Any thread. Not
  * checked. */
+NOX_API int32_t nox_plugin_get_state(NOXPlugin *plugin);
+
+/** "NULL", "READY", "PAUSE" or "PLAY", else "??"; static texts. */
+NOX_API const char *nox_plugin_state_str(int32_t state);
+
+/** Forgets its links and output allocator; 0. State, bus, clock and group stay, and so do
+ * the links of its neighbours to it. Not checked. */
 NOX_API int32_t nox_plugin_reset(NOXPlugin *plugin);
 
 /* ---- wiring, done by the pipe -------------------------------------------- */
 
-/** Store the bus or the clock; checked, and a null value is refused as well. */
+/** Stores where it posts, without a reference: the bus must outlive the plugin's use of
+ * it. 0. Checked, and a null bus is refused as well. */
 NOX_API int32_t nox_plugin_set_bus(NOXPlugin *plugin, NOXBus *bus);
+
+/** Stores the clock in the same way. */
 NOX_API int32_t nox_plugin_set_timer(NOXPlugin *plugin, NOXTimer *timer);
 
+/** The object parent, the pipe (may be null), without a reference. @{ */
 NOX_API int32_t nox_plugin_set_parent(NOXPlugin *plugin, void *parent);
 NOX_API void *nox_plugin_get_parent(NOXPlugin *plugin);
+/** @} */
 
-/** The pipe (NOXPipe) it belongs to: the parent of its bus, or without a bus its
- * object parent. Null for null and for a plugin in no pipe. */
+/** The pipe (NOXPipe) it belongs to, lent: the parent of its bus, or without a bus its
+ * object parent. Null for null and for a plugin in no pipe. Any thread. */
 NOX_API void *nox_plugin_get_pipeline(NOXPlugin *plugin);
 
-/** Posts a message under the plugin's name on its bus; `text` is copied, may be
- * null. -1, after a level-1 trace, without a bus or memory. Any thread. */
+/** Posts a message under the plugin's name on its bus; `code` is one of NOX_MSG_ or the
+ * plugin's own, `text` is copied, may be null. Never waits for the handler. -1, after a
+ * level-1 trace, without a bus or memory. Any thread. */
 NOX_API int32_t nox_plugin_error_post(NOXPlugin *plugin, int32_t code, const char *text);
 
 /* ---- links --------------------------------------------------------------- */
 
-/** Adds `next` as the next free branch of `plugin`. The link is made whatever
- * link_func answers; its answer is the result. -1 for a null plugin, and with
- * nothing linked when memory runs out. */
+/** Adds `next` as the next free branch of `plugin`, and `plugin` as its upstream one,
+ * replacing what that was. No references are taken. The link is made whatever link_func
+ * answers; its answer is the result, 0 without one. -1, after a level-1 trace, for a null
+ * plugin, and with nothing linked when memory runs out. */
 NOX_API int32_t nox_plugin_link(NOXPlugin *plugin, NOXPlugin *next);
 
-/** Replaces the branch that leads to `old_next` by one to `new_next`, in place.
- * Upstream pointers stay as they were. -1 when there is no such branch. */
+/** Replaces the branch that leads to `old_next` by one to `new_next`, in place, after
+ * telling link_func, whose answer is not used. The upstream pointers of both stay as they
+ * were. 0; -1, nothing changed, when there is no such branch and for a null plugin. */
 NOX_API int32_t nox_plugin_linkexch(NOXPlugin *plugin, NOXPlugin *old_next, NOXPlugin *new_next);
 
-/** Links a chain, ended by a null pointer: sets branch 0 of each, replacing what
- * it was; a plugin with a link_func makes its own link. The result is that of
- * the last link_func called. */
+/** Links a chain, ended by a null pointer (NULL, not 0): sets branch 0 of each, replacing
+ * what it was; a plugin with a link_func makes its own link. The result is that of
+ * the last link_func called, 0 without any. -1, nothing changed, when one of the first two
+ * is null. */
 NOX_API int32_t nox_plugin_link_many(NOXPlugin *plugin, NOXPlugin *next, ...);
 
-/** 1 when data can leave the plugin: it has a downstream plugin or is a sink. */
+/** 1 when data can leave the plugin: it has a downstream plugin or is a sink. Else 0,
+ * after a level-1 trace, also for null. */
 NOX_API uint8_t nox_plugin_islink(NOXPlugin *plugin);
+
+/** The field `issink`; 0, after a level-1 trace, for null. */
 NOX_API uint8_t nox_plugin_issink(NOXPlugin *plugin);
 
-/** Branch `idx`, or null. When it has a branch list and `count` is not null, the
- * number of branches after the first is stored (else `count` is untouched). The
+/** Branch `idx` (from 0), lent, or null. When it has a branch list and `count` is not
+ * null, the number of branches after the first is stored (else `count` is untouched). The
  * all-ones pointer for a null plugin. */
 NOX_API NOXPlugin *nox_plugin_get_next(NOXPlugin *plugin, int32_t idx, uint32_t *count);
 
-/** The source at the head of the chain, or null when the head is none. The
- * all-ones pointer for a null plugin. */
+/** The source at the head of the chain, lent, or null, after a level-1 trace, when the
+ * head is none. The all-ones pointer for a null plugin. */
 NOX_API NOXPlugin *nox_plugin_get_source(NOXPlugin *plugin);
 
 /* ---- pushing, on the thread that produces -------------------------------- */
+
+/* A plugin that is not linked downstream is told of it on the trace, level 1. */
 
 /** The result of the first downstream plugin's prepare_func, 0 without one; -1
  * when not linked. `argument` is passed through. */
 NOX_API int32_t nox_plugin_push_prepare(NOXPlugin *plugin, void *argument);
 
 /** Lends the buffer to every branch, in link order, and returns when all chain
- * functions have. A first downstream plugin in NULL swallows it for all. The
+ * functions have. A first downstream plugin in NULL swallows it for all: 0. The
  * result is that of the last chain function called; a branch after the first
- * that fails ends the push. -1 when not linked. The caller keeps its reference. */
+ * that fails ends the push, the first does not. -1 when not linked. The caller keeps its
+ * reference. Takes no lock. */
 NOX_API int32_t nox_plugin_push_buffer(NOXPlugin *plugin, NOXBuffer *buffer);
 
-/** The same for one branch; -1 when there is no such branch. */
+/** The same for branch `idx` (from 0) only; -1 when there is no such branch. */
 NOX_API int32_t nox_plugin_push_buffer_idx(NOXPlugin *plugin, int32_t idx, NOXBuffer *buffer);
 
-/** Hands the event to every plugin downstream, depth first; the first failure
- * ends it and is returned. 0 at an unlinked plugin. */
+/** Hands the event to every plugin downstream, depth first; one without event_func lets
+ * it pass. The first failure ends it and is returned. 0 when not linked. The event stays
+ * the caller's. */
 NOX_API int32_t nox_plugin_push_event(NOXPlugin *plugin, NOXEvent *event);
 
-/** Pushes NOX_EVENT_EOS. */
+/** Pushes NOX_EVENT_EOS; the result of nox_plugin_push_event. */
 NOX_API int32_t nox_plugin_push_eos(NOXPlugin *plugin);
 
 /* ---- allocators and output buffers --------------------------------------- */
 
-/** Stores the function that answers which allocator the plugin offers; checked. */
+/** Stores the function that answers which allocator the plugin offers (may be null); 0.
+ * Checked. */
 NOX_API int32_t nox_plugin_set_allocatorfunc(NOXPlugin *plugin, NOXPluginGetAllocatorFunc function);
 
 /** Gives the plugin its own allocator, taking over the caller's reference, and
- * offers it unless the plugin has an answer of its own. -1, the caller keeping
- * its reference, when it has one already. Checked. */
+ * offers it unless the plugin has an answer of its own. The plugin releases it at its
+ * end. -1, nothing changed and the caller keeping its reference, when it has one already.
+ * Checked. */
 NOX_API int32_t nox_plugin_set_allocator(NOXPlugin *plugin, NOXAllocator *allocator);
 
-/** The plugin's own allocator, or null; the all-ones pointer for a null plugin. */
+/** The plugin's own allocator, lent, or null; the all-ones pointer for a null plugin. */
 NOX_API NOXAllocator *nox_plugin_default_getallocator(NOXPlugin *plugin);
 
-/** What the first plugin downstream (along branch 0) that answers offers; null
- * when it offers none or nobody answers. */
+/** What the first plugin downstream (along branch 0) that answers offers, lent; null
+ * when it offers none, nobody answers, and for a null plugin. */
 NOX_API NOXAllocator *nox_plugin_get_next_allocator(NOXPlugin *plugin);
 
 /** An output buffer with one reference, the caller's: from the allocator of the
- * first downstream plugin that answers, else from the plugin's own, else from
- * the heap. The choice is made once and kept until nox_plugin_reset. Null, after
- * a level-1 trace, when the heap has none or `count` is above 3. */
+ * first downstream plugin that answers, else from the plugin's own; from the heap when
+ * there is none or it has no buffer. The choice of the allocator is made once and kept
+ * until nox_plugin_reset. Null, after a level-1 trace, when memory runs out or `count` is
+ * above NOX_BUFFER_MEMORIES. On the plugin's own thread. */
 NOX_API NOXBuffer *nox_plugin_get_outbuffer(NOXPlugin *plugin, NOXBufferRequest *request);
 
-/** The same, but the plugin's own allocator is chosen, afresh on each call. */
+/** The same, but what the plugin itself offers is chosen, afresh on each call. */
 NOX_API NOXBuffer *nox_plugin_get_outbuffer_self(NOXPlugin *plugin, NOXBufferRequest *request);
 
-/** The flush operation of the chosen output allocator; 0 without one. */
+/** The flush operation of the chosen output allocator on the buffer, which stays the
+ * caller's; 0 without one. */
 NOX_API int32_t nox_plugin_flush_outbuffer(NOXPlugin *plugin, NOXBuffer *buffer);
 
 /* ---- groups -------------------------------------------------------------- */
@@ -264,24 +329,26 @@ NOX_API int32_t nox_plugin_flush_outbuffer(NOXPlugin *plugin, NOXBuffer *buffer)
  * when its plugins no longer use it, and change it only while none runs. */
 NOX_API NOXPluginGroup *nox_plugin_group_new(void);
 
-/** Frees the group and its member records; 0, also for null. */
+/** Frees the group and its member records; 0, also for null. The plugins' field `group`
+ * still points at it. */
 NOX_API int32_t nox_plugin_group_delete(NOXPluginGroup *group);
 
-/** Appends a member that does not attend yet. -1, nothing added, for a null
+/** Appends a member that does not attend yet. 0; -1, nothing added, for a null
  * argument or when memory runs out. */
 NOX_API int32_t nox_plugin_group_add(NOXPluginGroup *group, NOXPlugin *plugin);
 
-/** The group the plugin was last added to, or null. */
+/** The group the plugin was last added to, lent, or null; null for null. */
 NOX_API NOXPluginGroup *nox_plugin_group_get(NOXPlugin *plugin);
 
 /** Sets the attendance of the plugin's first member record; a member attends
- * while the value is above 0. -1 when it is no member. Any thread. */
+ * while `value` is above 0. 0; -1 when it is no member or the group is null. Any
+ * thread. */
 NOX_API int32_t nox_plugin_group_attend(NOXPluginGroup *group, NOXPlugin *plugin, int32_t value);
 
 /** Number of members; 0 for null. */
 NOX_API uint32_t nox_plugin_group_members(NOXPluginGroup *group);
 
-/** Member `idx` in the order of adding, or null. */
+/** Member `idx` (from 0) in the order of adding, lent, or null. */
 NOX_API NOXPlugin *nox_plugin_group_get_member(NOXPluginGroup *group, uint32_t idx);
 
 /** 1 when every member attends (an empty group does); 0 for null. Any thread. */
