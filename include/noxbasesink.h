@@ -31,17 +31,27 @@ extern "C" {
 
 typedef struct NOXBaseSink NOXBaseSink;
 
+/** The sink's functions: as the plugin's slots of the same names (NOXPluginFunc,
+ * NOXPluginFormatFunc, ...), but they get the sink's record. 0 is success. @{ */
 typedef int32_t (*NOXBaseSinkFunc)(NOXBaseSink *sink);
 typedef int32_t (*NOXBaseSinkSetStateFunc)(NOXBaseSink *sink, int32_t state);
-typedef int32_t (*NOXBaseSinkRenderFunc)(NOXBaseSink *sink, NOXBuffer *buffer);
-typedef void (*NOXBaseSinkSyncFunc)(NOXBaseSink *sink, NOXBuffer *buffer);
 typedef int32_t (*NOXBaseSinkFormatFunc)(NOXBaseSink *sink, NOXStructure *format);
 typedef int32_t (*NOXBaseSinkEventFunc)(NOXBaseSink *sink, NOXEvent *event);
+/** @} */
 
+/** Consumes one buffer, lent for the call, on the pushing thread. Non-zero makes the push
+ * fail, which ends its source. */
+typedef int32_t (*NOXBaseSinkRenderFunc)(NOXBaseSink *sink, NOXBuffer *buffer);
+
+/** Holds the buffer back by a policy of the sink's own, on the pushing thread. */
+typedef void (*NOXBaseSinkSyncFunc)(NOXBaseSink *sink, NOXBuffer *buffer);
+
+/** The record that a sink's own record begins with. The sink's init function fills the
+ * functions. */
 struct NOXBaseSink {
-    NOXPlugin plugin;
-    uint8_t sync;  /**< hold each buffer until the clock reaches its timestamp; 0 */
-    uint8_t clock; /**< value of the option, for the derived sink */
+    NOXPlugin plugin; /**< its slots are the base sink's */
+    uint8_t sync;     /**< hold each buffer until the clock reaches its timestamp; 0 */
+    uint8_t clock;    /**< value of the option, for the derived sink */
     NOXBaseSinkFormatFunc setformat_func;  /**< optional; the derived sink's own options */
     NOXBaseSinkFormatFunc getformat_func;  /**< optional */
     NOXBaseSinkSetStateFunc setstate_func; /**< optional */
@@ -51,29 +61,32 @@ struct NOXBaseSink {
     NOXBaseSinkSyncFunc sync_func;         /**< optional; with `sync`, instead of the clock wait */
     NOXBaseSinkFunc finalize_func;         /**< optional */
     NOXBaseSinkEventFunc event_func;       /**< optional */
-    uint8_t verbose;                       /**< measure and print throughput; 0 */
+    uint8_t verbose;                       /**< measure and print throughput; 0 at first */
     uint32_t frames;                       /**< buffers in the current period */
     uint64_t firstts;    /**< ms: timestamp at which the period began; 0: none yet */
-    uint64_t bytes;      /**< data in the current period */
+    uint64_t bytes;      /**< bytes of data in the current period */
     int32_t *rateoutvar; /**< receives the frame rate, rounded, at every report; or null */
     int32_t targetbps;   /**< expected bit/s; 0: none */
     int32_t targetfps;   /**< expected frames/s; 0: none */
-    uint8_t dataready;   /**< a buffer has arrived since it was last stopped */
-    uint8_t report;      /**< post one first-data message; 0 */
+    uint8_t dataready;   /**< a buffer has arrived since the last NOX_EVENT_STOPPING */
+    uint8_t report;      /**< post one first-data message; 0 at first and after it */
     uint8_t eos;         /**< end of stream has arrived; never cleared */
-    uint8_t discont;     /**< stopped since the last buffer waited for the clock */
+    uint8_t discont;     /**< NOX_EVENT_STOPPING or STOPPED has come since the last buffer that
+                            waited for the clock; for the derived sink */
 };
 
 /** Initialises the plugin part, marks it a sink, installs the base operations in
- * the plugin's slots. Called by the plugin's init function. The result is that
- * of the plugin part. */
+ * the plugin's slots. Called by the plugin's init function, before it fills the sink's
+ * functions. The result is that of the plugin part: -1, after a level-1 trace, for null
+ * (nothing done) and when its state event cannot be made. */
 NOX_API int32_t nox_basesink_init(NOXBaseSink *sink);
 
 /** Size in bytes of NOXBaseSink. */
 NOX_API uint32_t nox_basesink_get_size(void);
 
 /** Reads the options that are present in the format (a missing one changes
- * nothing), then calls setformat_func, whose result it returns (0 without one):
+ * nothing, nor does one of another type), then calls setformat_func, whose result it
+ * returns (0 without one). Any thread, also while data flows:
  *
  *     verbose    bool   print frame and bit rate every 5 s of stream time
  *     sync       bool   hold buffers until the clock reaches their timestamp
@@ -85,20 +98,35 @@ NOX_API uint32_t nox_basesink_get_size(void);
  */
 NOX_API int32_t nox_basesink_setformat(NOXPlugin *sink, NOXStructure *format);
 
-/** Slot operations, called through the plugin operations and by the push. */
+/** A slot operation: what the sink's function of that name answers, 0 without one. @{ */
 NOX_API int32_t nox_basesink_getformat(NOXPlugin *sink, NOXStructure *format);
 NOX_API int32_t nox_basesink_setstate(NOXPlugin *sink, int32_t state);
-NOX_API int32_t nox_basesink_start(NOXPlugin *sink);
-NOX_API int32_t nox_basesink_stop(NOXPlugin *sink);
 NOX_API int32_t nox_basesink_finalize(NOXPlugin *sink);
+/** @} */
+
+/** Slot operation: calls start_func, whose result is dropped; 0. -1, after a level-1
+ * trace, without render_func. */
+NOX_API int32_t nox_basesink_start(NOXPlugin *sink);
+
+/** Slot operation: calls stop_func, whose result is dropped; 0. */
+NOX_API int32_t nox_basesink_stop(NOXPlugin *sink);
+
+/** Slot operation, on the thread that pushes or sends the event: what event_func answers,
+ * 0 without one. Whatever that is, at NOX_EVENT_EOS the sink is at its end and tells its
+ * pipe, at NOX_EVENT_STOPPING it has no data any more. */
 NOX_API int32_t nox_basesink_event(NOXPlugin *sink, NOXEvent *event);
 
-/** Takes one buffer, on the pushing thread: measures, waits for the clock, and
- * returns what render_func answers. */
+/** Slot operation, on the pushing thread: measures, waits for the clock (`sync`), and
+ * returns what render_func answers. It waits first for the clock to start, or for the
+ * pushing source to be stopped, then until the buffer's timestamp; a timestamp of 0, or
+ * one that has passed, is not waited for, and no buffer is dropped. -1, after a level-1
+ * trace, without render_func. */
 NOX_API int32_t nox_basesink_chain(NOXPlugin *sink, NOXBuffer *buffer);
 
-/** What the pipe asks of its sinks, on any thread. */
+/** 1 when a buffer has arrived since the last NOX_EVENT_STOPPING. Any thread. */
 NOX_API uint8_t nox_basesink_get_dataready(NOXPlugin *sink);
+
+/** 1 once end of stream has arrived. Any thread. */
 NOX_API uint8_t nox_basesink_get_eos(NOXPlugin *sink);
 
 #ifdef __cplusplus

@@ -24,6 +24,8 @@
  * "errhandle", "errcount", "errcallback", "asyncstart", "privatets".
  *
  * In the functions that take a NOXPlugin, the record behind it is a NOXBaseSrc.
+ * create_func, postpush_func and, in a restart, stop_func and start_func run on the
+ * source thread; the other functions on the controlling thread.
  */
 #ifndef NOX_NOXBASESRC_H
 #define NOX_NOXBASESRC_H
@@ -39,23 +41,35 @@ extern "C" {
 enum {
     NOX_ERRHANDLE_QUIT = 0,      /**< post, and end the thread past `errcount` failures */
     NOX_ERRHANDLE_RETRY = 1,     /**< go on at once, and post past `errcount` failures */
-    NOX_ERRHANDLE_RESTART = 2,   /**< post, stop, wait for the group, start again */
+    NOX_ERRHANDLE_RESTART = 2,   /**< post, stop, wait up to 4 s for the group, start again */
     NOX_ERRHANDLE_DONT_CARE = -1 /**< go on after 100 ms */
 };
 
 typedef struct NOXBaseSrc NOXBaseSrc;
 
+/** The source's functions: as the plugin's slots of the same names (NOXPluginFunc,
+ * NOXPluginFormatFunc, ...), but they get the source's record. 0 is success. @{ */
 typedef int32_t (*NOXBaseSrcFunc)(NOXBaseSrc *source);
 typedef int32_t (*NOXBaseSrcSetStateFunc)(NOXBaseSrc *source, int32_t state);
-typedef NOXBuffer *(*NOXBaseSrcCreateFunc)(NOXBaseSrc *source);
-typedef void (*NOXBaseSrcPostPushFunc)(NOXBaseSrc *source);
 typedef int32_t (*NOXBaseSrcFormatFunc)(NOXBaseSrc *source, NOXStructure *format);
 typedef int32_t (*NOXBaseSrcEventFunc)(NOXBaseSrc *source, NOXEvent *event);
+/** @} */
 
+/** The next buffer, whose one reference passes to the base source, or null when nothing
+ * was captured: end of stream of a source that is not live, a failure of a live one. It
+ * may wait for data, but a stop and a pause wait for it in turn: return, with null, soon
+ * after the field `started` of the plugin is cleared. On the source thread. */
+typedef NOXBuffer *(*NOXBaseSrcCreateFunc)(NOXBaseSrc *source);
+
+/** Told after each buffer that was pushed with success, on the source thread. */
+typedef void (*NOXBaseSrcPostPushFunc)(NOXBaseSrc *source);
+
+/** The record that a source's own record begins with. The source's init function fills
+ * the functions. */
 struct NOXBaseSrc {
-    NOXPlugin plugin;
+    NOXPlugin plugin;    /**< its slots are the base source's */
     OSA_Thread *thread;  /**< the source thread; null when none runs */
-    uint32_t stacksize;  /**< bytes of the thread's stack; 0x20000 */
+    uint32_t stacksize;  /**< bytes of the thread's stack; 0x20000 unless init sets another */
     uint32_t priority;   /**< of the thread; 0: default scheduling */
     uint8_t dataready;   /**< live: has produced its first buffer; never cleared */
     uint8_t waitallsrc;  /**< hold the first buffer back until every source has data; 1 */
@@ -64,15 +78,16 @@ struct NOXBaseSrc {
     uint64_t lastts;     /**< ms: timestamp of the previous buffer; 0: none */
     uint32_t maxframes;  /**< end of stream after so many buffers; 0: no limit */
     uint32_t framecount; /**< buffers pushed while there is a limit */
-    uint8_t eos;         /**< end of stream reached, or quit */
+    uint8_t eos;         /**< end of stream reached, or quit; cleared by each live buffer */
     uint8_t restartreq; /**< set by a restarting member of its group; the derived source reads it */
     int32_t errhandle;  /**< NOX_ERRHANDLE_ */
-    int32_t errcount;   /**< consecutive failures tolerated */
+    int32_t errcount;   /**< consecutive failures tolerated; 0 at first */
     void *errcallback;  /**< value of the option, for the derived source */
     uint8_t pausewait;  /**< a pause waits for the thread's acknowledgement */
     OSA_Event *pauseevent;       /**< that acknowledgement; live sources, between start and stop */
     NOXBaseSrcFunc start_func;   /**< optional; 0 is success */
-    NOXBaseSrcFunc prestop_func; /**< optional; on stop, before the thread is ended */
+    NOXBaseSrcFunc prestop_func; /**< optional; on stop, before the thread is waited for: wakes
+                                    a create_func that waits */
     NOXBaseSrcFunc stop_func;    /**< optional; on stop, after the thread has ended */
     NOXBaseSrcSetStateFunc setstate_func; /**< optional */
     NOXBaseSrcCreateFunc create_func;     /**< required with a thread: the next buffer, one
@@ -90,14 +105,17 @@ struct NOXBaseSrc {
 
 /** Initialises the plugin part, marks it a source, installs the base operations
  * in the plugin's slots and sets the defaults. Called by the plugin's init
- * function. Non-zero, after a level-1 trace, with nothing set. */
+ * function, before it fills the source's functions. 0; -1, after a level-1 trace and with
+ * nothing set, for null and on failure. */
 NOX_API int32_t nox_basesrc_init(NOXBaseSrc *source);
 
 /** Size in bytes of NOXBaseSrc. */
 NOX_API uint32_t nox_basesrc_get_size(void);
 
 /** Reads the options that are present in the format (a missing one changes
- * nothing), then calls setformat_func, whose result it returns (0 without one):
+ * nothing, nor does one of another type), then calls setformat_func, whose result it
+ * returns (0 without one). Any thread, also while data flows; `priority` is read at the
+ * next start:
  *
  *     priority    uint32  scheduling priority of the thread
  *     maxframes   uint32  end of stream after so many buffers; 0: no limit
@@ -110,29 +128,51 @@ NOX_API uint32_t nox_basesrc_get_size(void);
  */
 NOX_API int32_t nox_basesrc_setformat(NOXPlugin *source, NOXStructure *format);
 
-/** getformat_func's result; 0 without one. */
+/** Slot operation: what getformat_func answers; 0 without one. */
 NOX_API int32_t nox_basesrc_getformat(NOXPlugin *source, NOXStructure *format);
 
-/** Slot operations, called through nox_plugin_start, _stop, _setstate, _setevent
- * and by the last release. Start runs the derived start and then the thread;
- * stop joins the thread (a create or chain function in progress is waited for)
- * and runs the derived stop; a pause returns when the thread is parked. */
+/** Slot operation, through nox_plugin_start: runs start_func, then the thread. 0, also
+ * when a thread runs already (start_func has then run again). -1, after a level-1 trace,
+ * without create_func (with a thread), when start_func fails, when not linked, and when
+ * thread or pause event cannot be made; start_func's work is then left to stop_func. */
 NOX_API int32_t nox_basesrc_start(NOXPlugin *source);
+
+/** Slot operation, through nox_plugin_stop, which has cleared `started`: runs
+ * prestop_func, waits without limit for the thread to end (a create or chain function in
+ * progress is waited for), runs stop_func. The result is stop_func's, without one
+ * prestop_func's, without both 0. On the source's own thread it does not wait: the thread is
+ * left to a later stop, with a level-1 trace. */
 NOX_API int32_t nox_basesrc_stop(NOXPlugin *source);
+
+/** Slot operation, through nox_plugin_setstate: what setstate_func answers, 0 without one.
+ * To PAUSE, a live source waits without limit until its thread has parked or ended; when
+ * its pipe has not been started it is told to end instead. */
 NOX_API int32_t nox_basesrc_setstate(NOXPlugin *source, int32_t state);
+
+/** Slot operation: what event_func answers, 0 without one. When that is a failure, a
+ * source that is not live posts NOX_MSG_EOS. */
 NOX_API int32_t nox_basesrc_event(NOXPlugin *source, NOXEvent *event);
+
+/** Slot operation, at the last release: what finalize_func answers; -1 without one. */
 NOX_API int32_t nox_basesrc_finalize(NOXPlugin *source);
 
-/** create_func's buffer; its one reference is the caller's. */
+/** create_func's buffer, its one reference the caller's, or null. `create_func` must be
+ * set. */
 NOX_API NOXBuffer *nox_basesrc_buf_create(NOXBaseSrc *source);
 
-/** The source thread's body (takes a NOXBaseSrc). */
+/** The source thread's body (takes a NOXBaseSrc); ends the calling thread. */
 NOX_API int32_t nox_basesrc_loop(void *source);
 
-/** What the pipe asks of its sources, on any thread: has data; has ended; has
- * stopped (not live: ended; live: has no data yet). */
+/** 1 once a live source has produced its first buffer, for the life of the record; 0 for
+ * one that is not live. Any thread. */
 NOX_API uint8_t nox_basesrc_get_dataready(NOXPlugin *source);
+
+/** 1 when it has reached end of stream or quit, and has produced no live buffer since. Any
+ * thread. */
 NOX_API uint8_t nox_basesrc_get_eos(NOXPlugin *source);
+
+/** Of a source that is not live: as nox_basesrc_get_eos. Of a live one: 1 until its first
+ * buffer. Any thread. */
 NOX_API uint8_t nox_basesrc_get_stopped(NOXPlugin *source);
 
 #ifdef __cplusplus

@@ -12,7 +12,7 @@
  *
  * A structure is an object without a lock: one thread at a time fills or reads
  * it. Names are compared byte by byte and have at most 255 characters; a longer
- * one is refused with a level-1 trace.
+ * one is refused with a level-1 trace. Pointers must not be null unless said.
  */
 #ifndef NOX_NOXSTRUCTURE_H
 #define NOX_NOXSTRUCTURE_H
@@ -25,13 +25,13 @@ extern "C" {
 
 /** Type codes. The type of an entry is fixed when it is first set. */
 enum {
-    NOX_TYPE_CHAR = 0, /**< 8-bit character */
-    NOX_TYPE_INT16 = 1,
-    NOX_TYPE_UINT16 = 2,
-    NOX_TYPE_INT32 = 3,
-    NOX_TYPE_UINT32 = 4,
-    NOX_TYPE_INT64 = 5,
-    NOX_TYPE_UINT64 = 6,
+    NOX_TYPE_CHAR = 0,   /**< 8-bit character */
+    NOX_TYPE_INT16 = 1,  /**< signed, 16 bits */
+    NOX_TYPE_UINT16 = 2, /**< unsigned, 16 bits */
+    NOX_TYPE_INT32 = 3,  /**< signed, 32 bits */
+    NOX_TYPE_UINT32 = 4, /**< unsigned, 32 bits */
+    NOX_TYPE_INT64 = 5,  /**< signed, 64 bits */
+    NOX_TYPE_UINT64 = 6, /**< unsigned, 64 bits */
     NOX_TYPE_BOOL = 7,   /**< 8-bit boolean */
     NOX_TYPE_STRING = 8, /**< the structure's own copy of a text, or null */
     NOX_TYPE_VOID = 9,   /**< pointer to memory of the caller's, with a byte count */
@@ -47,43 +47,41 @@ typedef void (*NOXStructureFunction)(void);
 
 /** One entry. */
 typedef struct NOXStructureNode {
-    int32_t type;                       /**< type code */
+    int32_t type;                       /**< NOX_TYPE_ */
     int32_t size;                       /**< fixed types: bytes; string: length; void: byte count */
     uint64_t extra;                     /**< func: the companion value */
     char name[NOX_STRUCTURE_NAME_SIZE]; /**< zero-terminated */
     union {
-        char char_value;
-        int16_t int16_value;
-        uint16_t uint16_value;
-        int32_t int32_value;
-        uint32_t uint32_value;
-        int64_t int64_value;
-        uint64_t uint64_value;
-        uint8_t bool_value;
-        char *string_value; /**< owned by the entry */
-        void *void_value;
-        NOXStructureFunction func_value;
-        float float_value;
-    } value;
+        char char_value;                 /**< NOX_TYPE_CHAR */
+        int16_t int16_value;             /**< NOX_TYPE_INT16 */
+        uint16_t uint16_value;           /**< NOX_TYPE_UINT16 */
+        int32_t int32_value;             /**< NOX_TYPE_INT32 */
+        uint32_t uint32_value;           /**< NOX_TYPE_UINT32 */
+        int64_t int64_value;             /**< NOX_TYPE_INT64 */
+        uint64_t uint64_value;           /**< NOX_TYPE_UINT64 */
+        uint8_t bool_value;              /**< NOX_TYPE_BOOL: 0 or 1 */
+        char *string_value;              /**< NOX_TYPE_STRING: owned, freed with free(), or null */
+        void *void_value;                /**< NOX_TYPE_VOID: the caller's */
+        NOXStructureFunction func_value; /**< NOX_TYPE_FUNC */
+        float float_value;               /**< NOX_TYPE_FLOAT */
+    } value;                             /**< the member that `type` names */
 } NOXStructureNode;
 
+/** The set. */
 typedef struct NOXStructure {
-    NOXObject object;
-    OSA_List *vars; /**< entries (NOXStructureNode) in the order they were first set */
+    NOXObject object; /**< not lockable */
+    OSA_List *vars;   /**< entries (NOXStructureNode) in the order they were first set */
 } NOXStructure;
 
-/** A setter. `value` points to a variable of the entry's type (for string, void
- * and func: to a variable that holds the pointer). `size` is the byte count of
- * a void entry and the companion value of a func entry; the other types ignore
- * it. */
+/** A setter; see nox_structure_putvar_char. */
 typedef int32_t (*NOXStructurePutFunc)(NOXStructure *structure, const char *name, uint64_t size,
                                        const void *value);
 
 /** The twelve setters by type code, for a type that is known at run time only. */
 extern NOX_API const NOXStructurePutFunc nox_structure_putvar[12];
 
-/** A new, empty structure with one reference; `name` is copied. Null, after a
- * level-1 trace, when memory runs out. */
+/** A new, empty structure with one reference, the caller's; `name` is copied, null names
+ * it "unknown". Null, after a level-1 trace, when memory runs out. */
 NOX_API NOXStructure *nox_structure_new(const char *name);
 
 /** Size in bytes of NOXStructure. */
@@ -93,17 +91,21 @@ NOX_API uint32_t nox_structure_get_size(void);
 NOX_API uint32_t nox_structure_type_getsize(int32_t type);
 
 /** A new zero-filled entry, already appended, that the caller fills: type, size,
- * name, value. The structure owns it. Null, after a level-1 trace, on failure. */
+ * name, value. The structure owns it, and a string in it. Null, after a level-1 trace,
+ * when memory runs out. The setters below do all of this. */
 NOX_API NOXStructureNode *nox_structure_new_node(NOXStructure *structure);
 
-/** The entry of that name, or null. */
+/** The entry of that name, lent until it is removed, or null. */
 NOX_API NOXStructureNode *nox_sturcture_search_node(NOXStructure *structure, const char *name);
 
-/** Set an entry: a new name is appended; an entry of the same type is overwritten;
- * one of another type is left as it is, with a level-1 trace and -1. -1 as well,
- * with nothing changed, when memory runs out or the name is too long. A string
- * is copied (null is a value too); what void and func point to stays the
- * caller's and must outlive the entry. */
+/** Sets an entry: a new name is appended, an entry of the same type overwritten. `value`
+ * points to a variable of the entry's type; for string, void and func to a variable that
+ * holds the pointer. `size` is the byte count (32 bits) of a void entry and the companion
+ * value of a func entry; the other types ignore it.
+ *
+ * A string is copied (null is a value too); what void and func point to stays the
+ * caller's and must outlive the entry. 0; -1, nothing changed, after a level-1 trace, for
+ * an entry of another type, a name too long, and when memory runs out. @{ */
 NOX_API int32_t nox_structure_putvar_char(NOXStructure *structure, const char *name, uint64_t size,
                                           const void *value);
 NOX_API int32_t nox_structure_putvar_int16(NOXStructure *structure, const char *name, uint64_t size,
@@ -128,16 +130,22 @@ NOX_API int32_t nox_structure_putvar_func(NOXStructure *structure, const char *n
                                           const void *value);
 NOX_API int32_t nox_structure_putvar_float(NOXStructure *structure, const char *name, uint64_t size,
                                            const void *value);
+/** @} */
 
-/** Sets an entry by type code, with size and value as arguments of their own:
- * char, int16, uint16, bool, int32 and uint32 values are passed as int; int64,
- * uint64 and pointers as 64-bit values; float as double. `size` is an int, but
- * for void and func a 64-bit value. -1 for an unknown code, else the setter's
- * result. */
+/** Sets an entry by type code, with size and value as arguments of their own, in this
+ * order: `size` is an int, but for void and func a uint64_t. Values of char, int16,
+ * uint16, bool, int32 and uint32 are passed as int; int64, uint64 and pointers as 64-bit
+ * values; float as double. Arguments of other widths are not noticed: cast them.
+ *
+ *     nox_structure_putvar1(NOX_TYPE_UINT64, format, "offset", 0, (uint64_t)4096);
+ *     nox_structure_putvar1(NOX_TYPE_VOID, format, "rateoutvar", (uint64_t)sizeof rate, &rate);
+ *
+ * -1 for an unknown code, else the setter's result. */
 NOX_API int32_t nox_structure_putvar1(int32_t type, NOXStructure *structure, const char *name, ...);
 
-/** Read an entry: 0 with the value stored through `value`, or -1, with `value`
- * untouched and a trace, when no entry of that name and type exists. */
+/** Reads an entry: 0 with the value stored through `value`, or -1, with `value`
+ * untouched and a trace (level 4 for bool, else 3), when no entry of that name and type
+ * exists. @{ */
 NOX_API int32_t nox_structure_getvar_char(NOXStructure *structure, const char *name, char *value);
 NOX_API int32_t nox_structure_getvar_int16(NOXStructure *structure, const char *name,
                                            int16_t *value);
@@ -154,12 +162,13 @@ NOX_API int32_t nox_structure_getvar_uint64(NOXStructure *structure, const char 
 NOX_API int32_t nox_structure_getvar_bool(NOXStructure *structure, const char *name,
                                           uint8_t *value);
 NOX_API int32_t nox_structure_getvar_float(NOXStructure *structure, const char *name, float *value);
+/** @} */
 
-/** The stored text, owned by the structure and valid until the entry changes;
- * null when there is none or the value is null. */
+/** The stored text, owned by the structure and valid until the entry changes or goes;
+ * null when there is no string of that name or its value is null. */
 NOX_API const char *nox_structure_getvar_string(NOXStructure *structure, const char *name);
 
-/** The stored pointer, with its byte count stored through `size`; null when
+/** The stored pointer, the setter's, with its byte count stored through `size`; null when
  * there is none, `size` untouched. */
 NOX_API void *nox_structure_getvar_void(NOXStructure *structure, const char *name, uint32_t *size);
 
@@ -168,7 +177,7 @@ NOX_API void *nox_structure_getvar_void(NOXStructure *structure, const char *nam
 NOX_API NOXStructureFunction nox_structure_getvar_func(NOXStructure *structure, const char *name,
                                                        uint64_t *extra);
 
-/** Removes an entry, after which its name may be set with any type. -1, after a
+/** Removes an entry, after which its name may be set with any type; 0. -1, after a
  * level-1 trace, when there is none. */
 NOX_API int32_t nox_structure_del_var(NOXStructure *structure, const char *name);
 
