@@ -28,26 +28,27 @@
 extern "C" {
 #endif
 
+/** The adapter. */
 typedef struct NOXBufAdpt {
-    NOXObject object;
+    NOXObject object;  /**< not lockable */
     OSA_List *buffers; /**< queued buffers (NOXBuffer), oldest first; one reference each */
     uint8_t *stage[2]; /**< staging areas of `capacity` bytes each */
-    uint8_t *cur;      /* first unconsumed byte, in the active area; null until the first add */
-    uint32_t avail;    /* unconsumed bytes at `cur` */
+    uint8_t *cur;      /**< first unconsumed byte, in the active area; null until the first add */
+    uint32_t avail;    /**< unconsumed bytes at `cur` */
     uint32_t capacity; /**< bytes of one staging area: twice the size given at creation */
-    uint32_t active;   /* index of the active staging area, 0 or 1 */
+    uint32_t active;   /**< index of the active staging area, 0 or 1 */
     uint32_t consumed; /**< bytes of the oldest queued buffer that have been released */
 } NOXBufAdpt;
 
-/** A new adapter with one reference that holds at most 2 * `size` unconsumed bytes.
- * Null, after a level-1 trace and with nothing kept, when memory runs out or
- * 2 * `size` does not fit 32 bits. */
+/** A new adapter with one reference, the caller's, that holds at most 2 * `size`
+ * unconsumed bytes. `name` is copied; null names it "unknown". Null, after a level-1 trace and with
+ * nothing kept, when memory runs out or 2 * `size` does not fit 32 bits. */
 NOX_API NOXBufAdpt *nox_bufadpt_new(const char *name, uint32_t size);
 
 /** Appends the bytes of all blocks of a buffer and takes over the caller's
- * reference to it. -1, after a level-1 trace, when the bytes do not fit beside
- * the unconsumed ones or memory runs out: nothing changed then, and the caller
- * keeps its reference. */
+ * reference to it. The buffer must not change any more. 0; -1, after a level-1 trace,
+ * when the bytes do not fit beside the unconsumed ones, memory runs out or the buffer is
+ * null: nothing changed then, and the caller keeps its reference. */
 NOX_API int32_t nox_bufadpt_add(NOXBufAdpt *adapter, NOXBuffer *buffer);
 
 /** All unconsumed bytes as one array, lent until the next add or release; their
@@ -60,7 +61,7 @@ NOX_API uint8_t *nox_bufadpt_get_data(NOXBufAdpt *adapter, uint32_t *size, NOXBu
 NOX_API NOXBuffer *nox_bufadpt_get_buf(NOXBufAdpt *adapter, uint32_t position);
 
 /** Consumes the first `size` bytes, and releases each buffer whose last byte is
- * among them. -1, with nothing changed, when no buffer is queued or fewer bytes are
+ * among them. 0; -1, with nothing changed, when no buffer is queued or fewer bytes are
  * available. */
 NOX_API int32_t nox_bufadpt_release_data(NOXBufAdpt *adapter, uint32_t size);
 

@@ -196,20 +196,21 @@ NOX_API NOXTimer *nox_pipe_get_timer(NOXPipe *pipe);
 /** The clock's reading in ms. Any thread. */
 NOX_API uint64_t nox_pipe_get_time(NOXPipe *pipe);
 
-/** The reference time in ms on the clock that plugins measure from. A change to
- * PLAY overwrites it with the clock's reading; set stores another and returns it.
- * Any thread. */
+/** The reference time in ms on the clock that plugins measure from. Any thread. */
 NOX_API uint64_t nox_pipe_get_basereftime(NOXPipe *pipe);
+
+/** Stores another reference time in ms and returns it. A change to PLAY overwrites it
+ * with the clock's reading. Any thread. */
 NOX_API uint64_t nox_pipe_set_basereftime(NOXPipe *pipe, uint64_t time);
 
 /** Stores a value of the application's own for its plugins; not owned. 0. Any
  * thread, but plugins read the field as it is: before PLAY, to be seen by all. */
 NOX_API int32_t nox_pipe_setclocksrc(NOXPipe *pipe, void *clocksrc);
 
-/** Lets the clock run `rate` times as fast as time passes, from now on and in all
- * states to come, and delivers NOX_EVENT_CLOCKRATE with a NOXClockRateChange as
- * nox_pipe_set_event does. -1 when a plugin refused it; the new rate is in force
- * all the same. Not beside a change of state or of members. */
+/** Lets the clock run `rate` times as fast as time passes, from its last reading on and
+ * in all states to come (nox_timer_set_rate), and delivers NOX_EVENT_CLOCKRATE with a
+ * NOXClockRateChange as nox_pipe_set_event does. -1 when a plugin refused it; the new rate is in
+ * force all the same. Not beside a change of state or of members. */
 NOX_API int32_t nox_pipe_set_clockrate(NOXPipe *pipe, float rate);
 
 /** The last rate set; 0.0 when none was, though the clock then runs at 1.0. Any
@@ -233,10 +234,13 @@ NOX_API char *nox_pipe_print(NOXPipe *pipe);
  * that cannot be written is told at level 1. */
 NOX_API int32_t nox_pipe_dump(NOXPipe *pipe, const char *path);
 
-/** The steps of nox_pipe_print: append to `text`, a zero-terminated text in a block
- * of NOX_PIPE_TEXT_SIZE bytes, the edges of the chain that starts at `plugin` and
- * of its branches; or a line with a label for each plugin that they lead to. */
+/** The step of nox_pipe_print for one source: appends to `text`, a zero-terminated text in
+ * a block of NOX_PIPE_TEXT_SIZE bytes, the edges of the chain that starts at `plugin` and
+ * of its branches, as far as they fit. */
 NOX_API void pipe_print_plugin(NOXPlugin *plugin, char *text);
+
+/** Walks in the same way, and appends for each plugin below `plugin` a line that labels it
+ * with the name of its type. nox_pipe_print does not use it. */
 NOX_API void pipe_print_pluginname(NOXPlugin *plugin, char *text);
 
 /* ---- internal steps that are exported ------------------------------------ */
