@@ -6,12 +6,19 @@
  * in which time is virtual and every fault can be provoked.
  *
  * Two implementations live beside this file: osa/posix (Linux) and osa/sim
- * (virtual time, deterministic scheduling, fault injection).
+ * (virtual time, deterministic scheduling, fault injection). A program links one of
+ * them. Plugins may use the layer as well:
+ *
+ *     OSA_Event *ready = OSA_EventCreate(0);
+ *     ...
+ *     if (OSA_EventWait(ready, 100) != 0)
+ *         OSA_Trace("camera", OSA_TRACE_NOTICE, "camera", __LINE__, __func__, "no frame\n");
+ *     OSA_EventDestroy(ready);
  *
  * Conventions: 0 means success and non-zero failure, unless a function returns
  * a pointer (null means failure) or a count. Times are milliseconds. Every
  * operation may be called from any thread. Handles are opaque; each is
- * released by the operation named with its creation.
+ * released by the operation named with its creation. A null handle is refused.
  */
 #ifndef OSA_OSA_H
 #define OSA_OSA_H
@@ -22,6 +29,7 @@
 extern "C" {
 #endif
 
+/** Lets the compiler check the arguments of a function that formats as printf does. */
 #if defined(__GNUC__)
 #define OSA_PRINTF(format_index, first_argument)                                                   \
     __attribute__((format(printf, format_index, first_argument)))
@@ -32,16 +40,17 @@ extern "C" {
 /** A wait with this time-out has no limit. */
 #define OSA_WAIT_FOREVER 0x7FFFFFFFu
 
-/** File modes of OSA_FileOpen. */
+/* File modes of OSA_FileOpen. */
 #define OSA_FILE_READ 0xF0000002u  /**< an existing file, for reading */
 #define OSA_FILE_WRITE 0xF0000009u /**< for writing: created, or emptied when it exists */
 
-/** Trace levels; a line is written when its level is not above OSA_TraceThreshold. */
-#define OSA_TRACE_ERROR 1
-#define OSA_TRACE_NOTICE 2
-#define OSA_TRACE_INFO 3
-#define OSA_TRACE_VERBOSE 4
+/* Trace levels; a line is written when its level is not above OSA_TraceThreshold. */
+#define OSA_TRACE_ERROR 1   /**< something failed */
+#define OSA_TRACE_NOTICE 2  /**< worth knowing in a run that goes well */
+#define OSA_TRACE_INFO 3    /**< what is done, step by step */
+#define OSA_TRACE_VERBOSE 4 /**< function entries and details */
 
+/** A handle, opaque. @{ */
 typedef struct OSA_Mutex OSA_Mutex;
 typedef struct OSA_Event OSA_Event;
 typedef struct OSA_Queue OSA_Queue;
@@ -49,6 +58,7 @@ typedef struct OSA_Thread OSA_Thread;
 typedef struct OSA_List OSA_List;
 typedef struct OSA_Library OSA_Library;
 typedef struct OSA_File OSA_File;
+/** @} */
 
 /** One node of a list. Users may read `data` and `next` directly and write
  * `data`; the links are written by the list operations only. */
@@ -63,17 +73,21 @@ struct OSA_ListNode {
  * block size, once registered, serves the queues. */
 #define OSA_QUEUE_NODE_SIZE 32u
 
+/** A host program's function around the layer's life; 0 is success, a failure is only
+ * reported. */
 typedef int32_t (*OSA_EnvironmentCallback)(void);
+
+/** A thread's body; its result is the thread's status. */
 typedef int32_t (*OSA_ThreadEntry)(void *argument);
 
 /* ---- the layer itself ---------------------------------------------------- */
 
 /** Brings the layer up and then calls `load` (may be null), the host program's
- * chance to read its environment. Init after init is harmless. */
+ * chance to read its environment. Init after init is harmless: 0, `load` not called. */
 int32_t OSA_SystemInit(OSA_EnvironmentCallback load);
 
 /** Calls `unload` (may be null), lists every block of memory that is still
- * alive on the trace (level 1), and takes the layer down. */
+ * alive on the trace (level 1), and takes the layer down; 0. */
 int32_t OSA_SystemUnInit(OSA_EnvironmentCallback unload);
 
 /* ---- memory -------------------------------------------------------------- */
@@ -90,8 +104,10 @@ void OSA_Free(void *block, int32_t kind);
 
 /* ---- pools of fixed-size blocks ------------------------------------------ */
 
-/** Starts and stops the pools as a whole. Starting twice is harmless. */
+/** Starts the pools as a whole. Starting twice is harmless. */
 int32_t OSA_SMalloc_Init(void);
+
+/** Stops them. Blocks that are still out may be given back later. */
 int32_t OSA_SMalloc_Deinit(void);
 
 /** Registers a pool of blocks of exactly `block_size` bytes. `name` is copied,
@@ -119,27 +135,30 @@ void OSA_SFree(void *block, uint32_t block_size);
 
 /* ---- lists --------------------------------------------------------------- */
 
-/** An empty list, or null. A list has no lock: its user serialises. */
+/** An empty list, or null. A list has no lock: its user serialises. Release with
+ * OSA_ListDestroy. */
 OSA_List *OSA_ListCreate(void);
 
 /** Releases the list and what nodes are left in it, not their data. */
 int32_t OSA_ListDestroy(OSA_List *list);
 
-/** Append or prepend a node; the list holds it until OSA_ListDel. Negative for
- * a null list or node. */
+/** Appends or prepends a node that is in no list; the list holds it until OSA_ListDel. 0;
+ * negative for a null list or node, and the caller keeps the node. @{ */
 int32_t OSA_ListAddTail(OSA_List *list, OSA_ListNode *node);
 int32_t OSA_ListAddHead(OSA_List *list, OSA_ListNode *node);
+/** @} */
 
 /** Unlinks a node of this list; the node and its data stay alive. A node of no
  * list, or at an end of another, is refused (non-zero); one from the middle of
  * another list need not be noticed, so be sure of the list. */
 int32_t OSA_ListDel(OSA_List *list, OSA_ListNode *node);
 
-/** Null at the end, and for a null list or node. */
+/** The node there, lent. Null at the end, and for a null list or node. @{ */
 OSA_ListNode *OSA_ListGetHead(OSA_List *list);
 OSA_ListNode *OSA_ListGetTail(OSA_List *list);
 OSA_ListNode *OSA_ListGetNext(OSA_ListNode *node);
 OSA_ListNode *OSA_ListGetPrev(OSA_ListNode *node);
+/** @} */
 
 /** Number of nodes; 0 for a null list. */
 uint32_t OSA_ListGetNum(OSA_List *list);
@@ -147,8 +166,10 @@ uint32_t OSA_ListGetNum(OSA_List *list);
 /** The node at a position counted from 0, or null. Linear in the position. */
 OSA_ListNode *OSA_List_GetNthList(OSA_List *list, uint32_t position);
 
-/** A node in no list, with null or with the given data, or null. */
+/** A node in no list, with null for data, or null. Release with OSA_List_Node_delete. */
 OSA_ListNode *OSA_List_Node_new(void);
+
+/** The same with `data`, which stays the caller's. */
 OSA_ListNode *OSA_List_Node_new_data(void *data);
 
 /** Releases a node that is in no list; null is ignored. Its data stays. */
@@ -162,8 +183,11 @@ OSA_Mutex *OSA_MutexCreate(void);
 /** Refused (non-zero), and the mutex stays, while a thread holds or waits for it. */
 int32_t OSA_MutexDestroy(OSA_Mutex *mutex);
 
-/** Locks; non-zero when `timeout_ms` passed first. */
+/** Locks, once more when the thread has it already. 0; non-zero when `timeout_ms` passed
+ * first, nothing locked. */
 int32_t OSA_MutexLock(OSA_Mutex *mutex, uint32_t timeout_ms);
+
+/** Undoes one lock of the calling thread. Non-zero on a thread that does not hold it. */
 int32_t OSA_MutexUnLock(OSA_Mutex *mutex);
 
 /* ---- events -------------------------------------------------------------- */
@@ -171,11 +195,13 @@ int32_t OSA_MutexUnLock(OSA_Mutex *mutex);
 /** An event, not signalled, or null. It latches and resets itself: a send that
  * finds a waiter releases exactly that one, even if it has not run yet; any other
  * send is kept for the next to wait, and further ones before that wait add
- * nothing. `kind` is reserved. */
+ * nothing. `kind` is reserved. Release with OSA_EventDestroy. */
 OSA_Event *OSA_EventCreate(int32_t kind);
 
 /** Refused (non-zero), and the event stays, while a thread waits for it. */
 int32_t OSA_EventDestroy(OSA_Event *event);
+
+/** Releases one thread that waits, or latches; 0. Never waits. */
 int32_t OSA_EventSend(OSA_Event *event);
 
 /** 0 when signalled, non-zero when `timeout_ms` passed first. */
@@ -184,7 +210,8 @@ int32_t OSA_EventWait(OSA_Event *event, uint32_t timeout_ms);
 /* ---- queues -------------------------------------------------------------- */
 
 /** A queue of (pointer, size) pairs, first in first out, unbounded, for any
- * number of threads on both sides; or null. `name` is for diagnosis. */
+ * number of threads on both sides; or null. `name` (may be null) is copied, for
+ * diagnosis; `kind` is reserved. Release with OSA_QueueDestroy. */
 OSA_Queue *OSA_QueueCreate(const char *name, int32_t kind);
 
 /** Releases the queue; entries still in it are dropped, not freed. Refused
@@ -210,13 +237,15 @@ OSA_Thread *OSA_ThreadCreate(const char *name, int32_t priority, uint32_t stack_
                              OSA_ThreadEntry entry, void *argument);
 
 /** Ends the calling thread, which OSA_ThreadCreate made, with this status.
- * Destructors of objects on its stack do not run. */
+ * Destructors of objects on its stack do not run. On any other thread it returns, after
+ * a level-1 trace. */
 void OSA_ThreadExit(int32_t status);
 
-/** Waits for the thread to end, stores its status (pointer may be null) and
- * releases it. Refused, non-zero, on that very thread. */
+/** Waits without limit for the thread to end, stores its status (pointer may be null) and
+ * releases it; 0. Refused, non-zero, on that very thread. */
 int32_t OSA_ThreadDelete(OSA_Thread *thread, int32_t *status);
 
+/** Lets the calling thread sleep at least that long. */
 void OSA_ThreadSleep(uint32_t duration_ms);
 
 /** Monotonic milliseconds from an arbitrary start. */
@@ -224,26 +253,32 @@ uint64_t OSA_GetSystemTick(void);
 
 /* ---- files --------------------------------------------------------------- */
 
-/** Opens a file in one of the modes above, or null. */
+/** Opens a file in one of the modes above, or null. A file is one thread's at a time.
+ * Release with OSA_FileClose. */
 OSA_File *OSA_FileOpen(const char *path, uint32_t mode);
 
 /** The next line with its line feed, zero-terminated in `buffer` of `size`
  * bytes; of a longer line the rest is skipped. Null at the end. */
 char *OSA_FileReadLine(OSA_File *file, char *buffer, uint32_t size);
 
-/** Writes all `length` bytes; the number written, or negative on failure. */
+/** Writes all `length` bytes (at most INT32_MAX); the number written, or negative on
+ * failure, when part of them may have been written. */
 int32_t OSA_FileWrite(OSA_File *file, const void *data, uint32_t length);
+
+/** Closes and releases the file. Non-zero when what was written may not be stored. */
 int32_t OSA_FileClose(OSA_File *file);
 
 /* ---- dynamic libraries --------------------------------------------------- */
 
 /** Loads with immediate, local binding after a check that the file is a whole
  * shared object for this processor; null, with a level-1 trace that says what
- * is wrong, on failure. */
+ * is wrong, on failure. Release with OSA_LibraryUnLoad. */
 OSA_Library *OSA_LibraryLoad(const char *path);
 
 /** The address of an exported function, or null. */
 void *OSA_LibraryGetFunc(OSA_Library *library, const char *symbol);
+
+/** Releases the handle; the code goes with the last handle of the same file. */
 int32_t OSA_LibraryUnLoad(OSA_Library *library);
 
 /* ---- traces and text ----------------------------------------------------- */

@@ -3,6 +3,14 @@
  * What a program needs of the OS layer beyond what the library imports: where
  * traces go, and what is still alive. Implemented by osa/posix and osa/sim; a
  * layer of a product's own need not have it.
+ *
+ *     OSA_TraceSetLevel(OSA_TRACE_INFO);
+ *     ...
+ *     OSA_Alive alive;
+ *     OSA_AliveGet(&alive);
+ *     printf("%u blocks, %u threads\n", alive.blocks, alive.threads);
+ *
+ * Any thread may call any function, unless said.
  */
 #ifndef OSA_OSA_EXT_H
 #define OSA_OSA_EXT_H
@@ -15,8 +23,11 @@ extern "C" {
 
 /* ---- traces -------------------------------------------------------------- */
 
-/** 0 silences everything but OSA_Traces; 4 lets every line through. */
+/** Sets OSA_TraceThreshold: 0 silences everything but OSA_Traces, 4 lets every line
+ * through. */
 void OSA_TraceSetLevel(int32_t level);
+
+/** The level last set; 2 at first. */
 int32_t OSA_TraceGetLevel(void);
 
 /** Where lines are written when no receiver is set: a file descriptor, standard
@@ -34,6 +45,7 @@ typedef struct OSA_TraceRecord {
     const char *text;     /**< the formatted text, its own line feed included */
 } OSA_TraceRecord;
 
+/** Takes one line, which is lent for the call, with the argument that was set with it. */
 typedef void (*OSA_TraceReceiver)(void *user, const OSA_TraceRecord *record);
 
 /** Sends every line that passes the threshold to `receiver` instead of the
@@ -49,16 +61,17 @@ typedef struct OSA_Alive {
     uint32_t blocks;      /**< from OSA_Malloc */
     uint64_t bytes;       /**< in those blocks */
     uint32_t pool_blocks; /**< from OSA_SMalloc */
-    uint32_t list_nodes;
-    uint32_t lists;
-    uint32_t queues;
-    uint32_t events;
-    uint32_t mutexes;
-    uint32_t threads; /**< created and not yet deleted */
-    uint32_t libraries;
-    uint32_t files;
+    uint32_t list_nodes;  /**< in a list or in none */
+    uint32_t lists;       /**< created and not yet destroyed */
+    uint32_t queues;      /**< created and not yet destroyed */
+    uint32_t events;      /**< created and not yet destroyed */
+    uint32_t mutexes;     /**< created and not yet destroyed */
+    uint32_t threads;     /**< created and not yet deleted, ended or not */
+    uint32_t libraries;   /**< loaded handles */
+    uint32_t files;       /**< open */
 } OSA_Alive;
 
+/** Counts into the caller's record. */
 void OSA_AliveGet(OSA_Alive *alive);
 
 /** 1 when every count is 0. */
@@ -66,11 +79,11 @@ uint8_t OSA_AliveIsNothing(const OSA_Alive *alive);
 
 /** One live block of OSA_Malloc and where it was taken. */
 typedef struct OSA_LiveBlock {
-    const void *block;
-    uint32_t size; /**< bytes */
-    const char *module;
-    int32_t line;
-    const char *function;
+    const void *block;    /**< its address */
+    uint32_t size;        /**< bytes */
+    const char *module;   /**< as given to OSA_Malloc */
+    int32_t line;         /**< as given to OSA_Malloc */
+    const char *function; /**< as given to OSA_Malloc */
 } OSA_LiveBlock;
 
 /** Calls `visit` for each live block, oldest first, and returns their number.

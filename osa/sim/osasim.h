@@ -65,8 +65,9 @@
 #include "osa/osa.h"
 #include "osa/osa_ext.h"
 
+/** What a run is begun with. */
 struct SIM_Options {
-    uint64_t seed = 1;
+    uint64_t seed = 1;            /**< of the schedule */
     uint64_t first_tick = 1000;   /**< OSA_GetSystemTick at the start, milliseconds */
     uint32_t switch_percent = 50; /**< chance of a switch at each point; 0: only when blocked */
     uint64_t point_limit = 10'000'000;  /**< points that may pass while time stands still */
@@ -107,8 +108,10 @@ void SIM_TickSet(uint64_t tick);
  * OSA_ThreadSleep lets the others run instead. */
 void SIM_TickAdvance(uint64_t duration_ms);
 
-/** How many points this run has passed, and how often it switched threads. */
+/** How many points this run has passed. */
 uint64_t SIM_PointCount();
+
+/** How often it has switched threads. */
 uint64_t SIM_SwitchCount();
 
 /* ---- traces -------------------------------------------------------------- */
@@ -116,14 +119,14 @@ uint64_t SIM_SwitchCount();
 /** One line of OSA_Trace, or of OSA_Traces (level 0; module, source and function
  * empty, line 0). */
 struct SIM_TraceLine {
-    std::string module;
-    int32_t level; /**< 1 .. 4 */
-    std::string source;
-    int32_t line;
-    std::string function;
-    std::string text; /**< with its line feed */
-    uint64_t tick;
-    std::string thread;
+    std::string module;   /**< who speaks */
+    int32_t level;        /**< 1 .. 4; 0 for a line of OSA_Traces */
+    std::string source;   /**< module whose code it is */
+    int32_t line;         /**< source line */
+    std::string function; /**< function of that code */
+    std::string text;     /**< with its line feed */
+    uint64_t tick;        /**< ms */
+    std::string thread;   /**< name of the thread that traced */
 };
 
 /** The lines recorded since the run began or SIM_TraceClear, oldest first; the
@@ -137,6 +140,7 @@ uint32_t SIM_TraceCount(const std::string &part, int32_t level = -1);
  * two runs are the same when these are. */
 std::string SIM_TraceText();
 
+/** Forgets the lines recorded so far. */
 void SIM_TraceClear();
 
 /* ---- what is alive, and misuse ------------------------------------------- */
@@ -144,9 +148,10 @@ void SIM_TraceClear();
 /** One line for each thing alive, oldest first; empty for nothing. */
 std::string SIM_AliveText();
 
+/** Misuses since the run began or SIM_MisuseClear. */
 uint32_t SIM_MisuseCount();
 
-/** One line each. */
+/** The same, one line each. */
 std::string SIM_MisuseText();
 
 /** Forgets misuses, for a test that provokes one on purpose. */
@@ -162,10 +167,13 @@ void SIM_FailNth(uint64_t n, uint64_t m = 0);
 /** The n-th and every later one. */
 void SIM_FailFrom(uint64_t n);
 
+/** None any more. */
 void SIM_FailNone();
 
-/** Fallible calls made in this run, and how many of them were made to fail. */
+/** Fallible calls made in this run. */
 uint64_t SIM_FallibleCount();
+
+/** How many of them were made to fail. */
 uint64_t SIM_FailedCount();
 
 /** The n-th fallible call: operation, caller, thread. The first million of a run
