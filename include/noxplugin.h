@@ -128,6 +128,7 @@ struct NOXPlugin {
     uint8_t issrc;              /**< 1: the head of a chain; stands on NOXBaseSrc */
     uint8_t issink;             /**< 1: the end of a chain; stands on NOXBaseSink */
     uint8_t busy;               /**< a buffer is being handed to chain_func */
+    uint8_t hasthread_;         /**< internal: a thread of its own has not been joined */
     void *reserved;             /**< the plugin's own; the library does not touch it */
     NOXPluginSetStateFunc setstate_func;         /**< told before a new state is stored */
     NOXPluginLinkFunc link_func;                 /**< told of each new link downstream */

@@ -48,6 +48,7 @@ int32_t start_thread(NOXBaseSrc *source)
     source->thread =
         OSA_ThreadCreate(source->plugin.object.name, static_cast<int32_t>(source->priority),
                          source->stacksize, nox_basesrc_loop, source);
+    source->plugin.hasthread_ = source->thread != nullptr;
     if (source->thread != nullptr)
         return 0;
     NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "base src thread create failed\n");
@@ -69,6 +70,7 @@ void join_thread(NOXBaseSrc *source)
     int32_t exit_value = 0;
     OSA_ThreadDelete(source->thread, &exit_value);
     source->thread = nullptr;
+    source->plugin.hasthread_ = 0;
 }
 
 // A live source that cannot be paused must not run.

@@ -2,6 +2,7 @@
 
 #include "nox.h"
 
+#include "core/own_loop.h"
 #include "core/plugin_cache.h"
 #include "internal/trace.h"
 #include "noxbuffer.h"
@@ -63,6 +64,7 @@ int32_t nox_init(const char *cache_path)
 
 int32_t nox_deinit(void)
 {
+    nox::join_departed_threads(true);
     if (!nox::plugin_cache_exists()) {
         NOX_TRACE(OSA_TRACE_INFO, "can not deinit\n");
         return -1;

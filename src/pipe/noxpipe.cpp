@@ -3,8 +3,11 @@
 
 #include "noxpipe.h"
 
+#include "core/own_loop.h"
+#include "internal/atomic_field.h"
 #include "internal/guard.h"
 #include "pipe/noxpipe_internal.h"
+#include "plugin/own_thread.h"
 
 namespace
 {
@@ -59,6 +62,52 @@ void release_parts(NOXPipe *pipe)
     nox_object_delete(pipe->plugin.bus);
 }
 
+void tell_where_deleted(const NOXPipe *pipe)
+{
+    if (nox::OwnLoop::is_of(pipe))
+        NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_ERROR,
+                      "pipe(%s) deleted on its own control thread\n", nox::name_of(pipe));
+    if (nox::OwnLoop::is_of(pipe->busref))
+        NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_ERROR,
+                      "pipe(%s) deleted in its own bus handler\n", nox::name_of(pipe));
+}
+
+void stop_started(NOXPlugin *member)
+{
+    if (nox::load_relaxed(member->started))
+        nox_plugin_stop(member);
+}
+
+// Of a pipe that was not brought to NULL: first what pushes, then what is pushed
+// to. False when a source runs on, on the calling thread.
+bool stop_members(NOXPipe *pipe)
+{
+    bool all_ended = true;
+    for (NOXPlugin *member : members(pipe)) {
+        all_ended &= nox::end_own_thread(member);
+        if (member->issrc)
+            stop_started(member);
+    }
+    for (NOXPlugin *member : members(pipe))
+        if (!member->issrc)
+            stop_started(member);
+    return all_ended;
+}
+
+// Their code is on the calling thread's stack, and they are not released; the pipe,
+// its bus and its clock go all the same.
+void abandon_members(NOXPipe *pipe)
+{
+    NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_ERROR,
+                  "pipe(%s) deleted on the thread of its source. Its plugins are not released\n",
+                  nox::name_of(pipe));
+    while (auto *member = static_cast<NOXPlugin *>(nox::take_head(pipe->plugins))) {
+        member->bus = nullptr;
+        member->timer = nullptr;
+        nox_plugin_set_parent(member, nullptr);
+    }
+}
+
 void release_members(NOXPipe *pipe)
 {
     while (OSA_ListNode *node = OSA_ListGetHead(pipe->plugins)) {
@@ -74,6 +123,7 @@ void release_members(NOXPipe *pipe)
 
 NOXPipe *nox_pipe_new(const char *name)
 {
+    nox::join_departed_threads(false);
     nox::ObjectReference<NOXPipe> pipe(
         static_cast<NOXPipe *>(nox_object_new(sizeof(NOXPipe), name, 1)));
     if (!pipe) {
@@ -97,8 +147,12 @@ uint32_t nox_pipe_get_size(void)
 int32_t nox_pipe_finalize(void *object)
 {
     auto *pipe = static_cast<NOXPipe *>(object);
+    tell_where_deleted(pipe);
     nox::stop_control_thread(pipe);
-    release_members(pipe);
+    if (stop_members(pipe))
+        release_members(pipe);
+    else
+        abandon_members(pipe);
     OSA_ListDestroy(pipe->plugins);
     nox_object_delete(pipe->busref);
     nox_object_delete(pipe->plugin.bus);

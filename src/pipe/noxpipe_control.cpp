@@ -4,6 +4,7 @@
 // thread ends on the exit message, on an item of a foreign size, or when it finds
 // `running` cleared, at the latest one pop time-out after that.
 
+#include "core/own_loop.h"
 #include "internal/atomic_field.h"
 #include "internal/guard.h"
 #include "pipe/noxpipe_internal.h"
@@ -64,6 +65,32 @@ bool handle(const NOXPipeMsg *message, uint32_t size)
     return true;
 }
 
+void carry_out_requests(NOXPipe *pipe)
+{
+    const nox::OwnLoop loop(pipe);
+    bool goes_on = true;
+    while (goes_on && nox::load_acquire(pipe->running)) {
+        uint32_t size = 0;
+        const Message message = pop(pipe, &size, kPopTimeoutMs);
+        if (message)
+            goes_on = handle(message.get(), size) && !loop.lost_its_record();
+    }
+}
+
+void end_thread(NOXPipe *pipe)
+{
+    Message exit_message = new_message();
+    nox::store_release(pipe->running, uint8_t{0});
+    // Without the message the thread sees `running` when its wait ends.
+    if (exit_message)
+        exit_message->kind = NOX_PIPE_MSG_EXIT;
+    if (!exit_message || !push(pipe, std::move(exit_message)))
+        NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_ERROR, "no exit message. pipe(%x)\n",
+                      nox::low32(pipe));
+    int32_t exit_value = 0;
+    OSA_ThreadDelete(pipe->thread, &exit_value);
+}
+
 } // namespace
 
 namespace nox
@@ -88,15 +115,10 @@ bool start_control_thread(NOXPipe *pipe)
 
 void stop_control_thread(NOXPipe *pipe)
 {
-    Message exit_message = new_message();
-    store_release(pipe->running, uint8_t{0});
-    // Without the message the thread sees `running` when its wait ends.
-    if (exit_message)
-        exit_message->kind = NOX_PIPE_MSG_EXIT;
-    if (!exit_message || !push(pipe, std::move(exit_message)))
-        NOX_TRACE(OSA_TRACE_ERROR, "no exit message. pipe(%x)\n", low32(pipe));
-    int32_t exit_value = 0;
-    OSA_ThreadDelete(pipe->thread, &exit_value);
+    if (OwnLoop::is_of(pipe))
+        OwnLoop::lose_record(pipe->thread);
+    else
+        end_thread(pipe);
     uint32_t size = 0;
     while (pop(pipe, &size, 0) != nullptr) {
         // A request that came too late: released as it is taken off.
@@ -127,13 +149,7 @@ int32_t nox_pipe_loop(void *argument)
 {
     auto *pipe = static_cast<NOXPipe *>(argument);
     NOX_TRACE(OSA_TRACE_VERBOSE, "Enter.\n");
-    bool goes_on = true;
-    while (goes_on && nox::load_acquire(pipe->running)) {
-        uint32_t size = 0;
-        Message message = pop(pipe, &size, kPopTimeoutMs);
-        if (message)
-            goes_on = handle(message.get(), size);
-    }
+    carry_out_requests(pipe);
     NOX_TRACE(OSA_TRACE_NOTICE, "Leave.\n");
     OSA_ThreadExit(0);
     return 0;

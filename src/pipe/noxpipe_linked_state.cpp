@@ -38,14 +38,14 @@ int32_t pipe_iterate_linked_plugin_set_state(NOXPlugin *plugin, int32_t state)
 
 int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int32_t state)
 {
-    if (plugin == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "invalid plugin (NULL)\n");
-        return -1;
-    }
     const int32_t current = nox_pipe_get_state(pipe);
     if (state == current) {
         NOX_TRACE(OSA_TRACE_ERROR, "warning state is same as current.state(%d)\n", current);
         return 0;
+    }
+    if (plugin == nullptr) {
+        NOX_TRACE(OSA_TRACE_ERROR, "invalid plugin (NULL)\n");
+        return -1;
     }
     NOXPlugin *source = plugin->issrc ? plugin : nox_plugin_get_source(plugin);
     if (source == nullptr) {

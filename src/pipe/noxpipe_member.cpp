@@ -47,11 +47,12 @@ NOXPlugin *chain_source(NOXPlugin *plugin)
     return source;
 }
 
-// The plugins downstream must not point at one that is released.
-void forget_upstream(NOXPlugin *plugin)
+// What lies downstream must not point at a plugin that is released. Of its branches
+// only members are looked at: any other may be gone, since links hold no references.
+void forget_upstream(const NOXPipe *pipe, NOXPlugin *plugin)
 {
     for (NOXPlugin *branch : nox::items<NOXPlugin>(plugin->nextlist))
-        if (branch->prev == plugin)
+        if (nox::find_node(pipe->plugins, branch) != nullptr && branch->prev == plugin)
             branch->prev = nullptr;
     if (plugin->next->prev == plugin)
         plugin->next->prev = nullptr;
@@ -111,7 +112,7 @@ int32_t nox_pipe_del_linked_plugin(NOXPipe *pipe, NOXPlugin *plugin)
         NOXPlugin *next = current->next;
         if (next == nullptr)
             return 0;
-        forget_upstream(current);
+        forget_upstream(pipe, current);
         nox_object_delete(current);
         current = next;
     }

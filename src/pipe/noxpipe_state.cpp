@@ -8,6 +8,7 @@
 // or not the change succeeds; there is no rollback.
 
 #include "internal/atomic_field.h"
+#include "internal/guard.h"
 #include "pipe/branch_stack.h"
 #include "pipe/noxpipe_internal.h"
 
@@ -165,7 +166,9 @@ namespace nox
 
 void stop_clock(NOXPipe *pipe)
 {
-    if (pipe->clock->starttick != 0)
+    const ObjectLock lock(pipe->clock);
+    // A clock that was started at tick 0 has no start tick, but runs.
+    if (pipe->clock->starttick != 0 || pipe->clock->running)
         nox_timer_stop(pipe->clock);
 }
 

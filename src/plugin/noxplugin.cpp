@@ -7,6 +7,7 @@
 #include "internal/list_walk.h"
 #include "nox.h"
 #include "plugin/noxplugin_check.h"
+#include "plugin/own_thread.h"
 
 namespace
 {
@@ -75,6 +76,7 @@ int32_t nox_plugin_finalize(void *object)
     if (!check_plugin(plugin))
         return -1;
     NOX_TRACE(OSA_TRACE_INFO, " plg(%x) plugin(%s)\n", nox::low32(plugin), nox::name_of(plugin));
+    nox::end_own_thread(plugin); // which uses the links until then
     destroy_branches(plugin);
     const int32_t result = finalize_derived(plugin);
     release_allocator(plugin);

@@ -12,6 +12,7 @@
 
 #include "internal/atomic_field.h"
 #include "plugin/noxplugin_check.h"
+#include "plugin/own_thread.h"
 
 namespace
 {
@@ -49,6 +50,20 @@ int32_t enter_state(NOXPlugin *plugin, int32_t previous, int32_t state, int32_t 
 }
 
 } // namespace
+
+namespace nox
+{
+
+bool end_own_thread(NOXPlugin *plugin)
+{
+    if (!plugin->hasthread_)
+        return true;
+    NOX_TRACE(OSA_TRACE_ERROR, "plugin(%s) is released while its thread runs\n", name_of(plugin));
+    nox_plugin_stop(plugin);
+    return !plugin->hasthread_;
+}
+
+} // namespace nox
 
 int32_t nox_plugin_start(NOXPlugin *plugin)
 {

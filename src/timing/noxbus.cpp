@@ -9,6 +9,7 @@
 
 #include "noxbus.h"
 
+#include "core/own_loop.h"
 #include "internal/atomic_field.h"
 #include "internal/guard.h"
 #include "internal/trace.h"
@@ -100,6 +101,37 @@ bool handle(NOXBus *bus, const NOXBusMsg *message, uint32_t size)
     return true;
 }
 
+void deliver_messages(NOXBus *bus)
+{
+    const nox::OwnLoop loop(bus);
+    bool goes_on = true;
+    while (goes_on && nox::load_acquire(bus->running)) {
+        uint32_t size = 0;
+        const Message message = pop(bus, &size, kPopTimeoutMs);
+        if (message)
+            goes_on = handle(bus, message.get(), size) && !loop.lost_its_record();
+    }
+}
+
+void end_thread(NOXBus *bus)
+{
+    Message exit_message = new_message(NOX_MSG_BUS_EXIT);
+    NOX_TRACE_FOR("nox_bus_finalize", OSA_TRACE_INFO, "bus(%x)\n", nox::low32(bus));
+    if (nox::OwnLoop::is_of(bus)) {
+        NOX_TRACE_FOR("nox_bus_finalize", OSA_TRACE_ERROR, "bus(%x) deleted in its own handler\n",
+                      nox::low32(bus));
+        nox::OwnLoop::lose_record(bus->thread);
+        return;
+    }
+    nox::store_release(bus->running, uint8_t{0});
+    // Without the message the thread sees `running` when its wait ends.
+    if (!exit_message || !push(bus, std::move(exit_message)))
+        NOX_TRACE_FOR("nox_bus_finalize", OSA_TRACE_ERROR, "no exit message. bus(%x)\n",
+                      nox::low32(bus));
+    int32_t exit_value = 0;
+    OSA_ThreadDelete(bus->thread, &exit_value);
+}
+
 // All parts of the bus, or false; a part that was made is in its field.
 bool make_parts(NOXBus *bus, const char *name)
 {
@@ -169,14 +201,7 @@ int32_t nox_bus_post_error(NOXBus *bus, const char *name, int32_t code, const ch
 
 int32_t nox_bus_loop(void *argument)
 {
-    auto *bus = static_cast<NOXBus *>(argument);
-    bool goes_on = true;
-    while (goes_on && nox::load_acquire(bus->running)) {
-        uint32_t size = 0;
-        Message message = pop(bus, &size, kPopTimeoutMs);
-        if (message)
-            goes_on = handle(bus, message.get(), size);
-    }
+    deliver_messages(static_cast<NOXBus *>(argument));
     OSA_ThreadExit(0);
     return 0;
 }
@@ -184,14 +209,7 @@ int32_t nox_bus_loop(void *argument)
 int32_t nox_bus_finalize(void *object)
 {
     auto *bus = static_cast<NOXBus *>(object);
-    Message exit_message = new_message(NOX_MSG_BUS_EXIT);
-    NOX_TRACE(OSA_TRACE_INFO, "bus(%x)\n", nox::low32(bus));
-    nox::store_release(bus->running, uint8_t{0});
-    // Without the message the thread sees `running` when its wait ends.
-    if (!exit_message || !push(bus, std::move(exit_message)))
-        NOX_TRACE(OSA_TRACE_ERROR, "no exit message. bus(%x)\n", nox::low32(bus));
-    int32_t exit_value = 0;
-    OSA_ThreadDelete(bus->thread, &exit_value);
+    end_thread(bus);
     uint32_t size = 0;
     while (pop(bus, &size, 0) != nullptr) {
         // Posted too late for the handler: freed as it is taken off.

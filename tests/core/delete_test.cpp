@@ -1,0 +1,249 @@
+// Deleting what still runs: nothing crashes, waits for itself or is left alive,
+// whatever the schedule, and the application is told what it forgot.
+
+#include "on_stage.h"
+
+namespace
+{
+
+constexpr uint64_t kSeeds = 60;
+
+// Two sources of which one is live, a branching filter, three sinks.
+struct Graph {
+    Graph()
+    {
+        script("idle").live = false;
+        source = new_source("s");
+        reinterpret_cast<NOXBaseSrc *>(source)->waitallsrc = 0; // the other is not live
+        NOXPlugin *idle = new_source("idle");
+        NOXPlugin *filter = new_filter("f");
+        sink = new_sink("k1");
+        NOXPlugin *branch = new_sink("k2");
+        NOXPlugin *other = new_sink("k3");
+        pipe = nox_pipe_new("player");
+        nox_pipe_add_plugin_many(pipe, sink, branch, filter, source, idle, other, nullptr);
+        nox_plugin_link(source, filter);
+        nox_plugin_link(filter, sink);
+        nox_plugin_link(filter, branch);
+        nox_plugin_link(idle, other);
+    }
+    NOXPipe *pipe;
+    NOXPlugin *source;
+    NOXPlugin *sink;
+};
+
+const std::vector<std::string> kPlugins = {"s", "idle", "f", "k1", "k2", "k3"};
+
+uint32_t told_of(const std::string &source)
+{
+    return traced("noxplugin", 1, "plugin(" + source + ") is released while its thread runs");
+}
+
+// One run that ends clean for each seed and each way to get to the deletion.
+template <typename Story>
+void under_all_seeds(Story story)
+{
+    for (uint64_t seed = 1; seed <= kSeeds && !::testing::Test::HasFailure(); ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        Stage stage({.seed = seed});
+        story();
+        EXPECT_EQ("", stage.end());
+    }
+}
+
+// What an application does from inside a call of the library. The flag is its own
+// memory, so it outlives the pipe.
+NOXPipe *g_pipe = nullptr;
+std::atomic<bool> g_deleted{false};
+
+void delete_pipe()
+{
+    nox_object_delete(g_pipe);
+    g_deleted = true;
+}
+
+int32_t delete_on_message(NOXBus *, void *, const char *, int32_t, const char *)
+{
+    if (!g_deleted)
+        delete_pipe();
+    return 0;
+}
+
+int32_t delete_on_change(NOXPipe *, int32_t, int32_t)
+{
+    delete_pipe();
+    return 0;
+}
+
+void hand_over(const Graph &graph)
+{
+    g_pipe = graph.pipe;
+    g_deleted = false;
+}
+
+} // namespace
+
+TEST(Delete, OfAPipeInAnyStateEndsItsSourcesFirstAndNamesThem)
+{
+    const std::vector<std::vector<int32_t>> roads = {
+        {NOX_STATE_PLAY},
+        {NOX_STATE_PLAY, NOX_STATE_PAUSE},
+        {NOX_STATE_PLAY, NOX_STATE_PAUSE, NOX_STATE_READY},
+        {NOX_STATE_READY, NOX_STATE_PLAY},
+    };
+    under_all_seeds([&] {
+        Graph graph;
+        for (int32_t state : roads[SIM_Seed() % roads.size()]) {
+            nox_pipe_set_state(graph.pipe, state);
+            OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 50));
+        }
+        SIM_TraceClear();
+        log_enabled = true;
+        nox_object_delete(graph.pipe);
+        EXPECT_EQ(1u, told_of("s"));
+        EXPECT_EQ(1u, told_of("idle"));
+        const Log log = take_log();
+        EXPECT_EQ((Log{"s stop", "idle stop", "k1 stop", "k2 stop", "f stop", "k3 stop"}), log)
+            << "what pushes first, and everything just once";
+        for (const std::string &name : kPlugins)
+            EXPECT_EQ(1u, script(name).finalized) << name;
+    });
+}
+
+TEST(Delete, OfAPipeWhoseSourcesHaveEndedByThemselvesJoinsThem)
+{
+    under_all_seeds([] {
+        Graph graph;
+        script("s").buffers = 1; // and quits after that
+        script("idle").buffers = 1;
+        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        OSA_ThreadSleep(200);
+        nox_object_delete(graph.pipe);
+        EXPECT_EQ(1u, told_of("s"));
+        EXPECT_EQ(1u, script("k1").stopped);
+    });
+}
+
+TEST(Delete, OfAPipeInNullTellsAndStopsNothing)
+{
+    under_all_seeds([] {
+        Graph graph;
+        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        nox_pipe_set_state(graph.pipe, NOX_STATE_NULL);
+        SIM_TraceClear();
+        nox_object_delete(graph.pipe);
+        EXPECT_EQ(0u, SIM_TraceCount("", 1));
+        EXPECT_EQ(1u, script("s").stopped);
+    });
+}
+
+TEST(Delete, OfASourceAloneEndsItsThreadBeforeItsLinksGo)
+{
+    under_all_seeds([] {
+        Graph graph;
+        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        if (SIM_Seed() % 2 == 0)
+            nox_pipe_set_state(graph.pipe, NOX_STATE_PAUSE);
+        nox_pipe_del_plugin(graph.pipe, graph.source);
+        nox_object_delete(graph.source);
+        EXPECT_EQ(1u, told_of("s"));
+        EXPECT_EQ(1u, script("s").finalized);
+        const uint32_t taken = script("k1").taken;
+        OSA_ThreadSleep(100);
+        EXPECT_EQ(taken, script("k1").taken);
+        nox_object_delete(graph.pipe);
+    });
+}
+
+TEST(Delete, InThePipesOwnBusHandlerIsToldAndReleasesAll)
+{
+    under_all_seeds([] {
+        Graph graph;
+        script("s").buffers = static_cast<uint32_t>(SIM_Seed() % 3); // posts when it quits
+        hand_over(graph);
+        nox_pipe_set_bus_handler(graph.pipe, delete_on_message, nullptr);
+        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
+        if (SIM_Seed() % 2 == 0) { // else the library is shut down while the handler returns
+            OSA_ThreadSleep(1);
+            nox_object_delete(nox_pipe_new("next"));
+            EXPECT_EQ(0u, alive().threads) << "the next pipe has joined the thread that was left";
+        }
+        EXPECT_EQ(1u, traced("noxpipe", 1, "pipe(player) deleted in its own bus handler"));
+    });
+}
+
+TEST(Delete, OnThePipesOwnControlThreadIsToldAndReleasesAll)
+{
+    under_all_seeds([] {
+        Graph graph;
+        hand_over(graph);
+        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        nox_pipe_set_state_async(graph.pipe, NOX_STATE_PAUSE, delete_on_change);
+        nox_pipe_set_state_async(graph.pipe, NOX_STATE_NULL, nullptr); // too late
+        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
+        EXPECT_EQ(1u, traced("noxpipe", 1, "pipe(player) deleted on its own control thread"));
+        EXPECT_EQ(1u, told_of("s"));
+    });
+}
+
+TEST(Delete, OfABusAloneInItsHandlerIsToldToo)
+{
+    under_all_seeds([] {
+        static NOXBus *bus;
+        g_deleted = false;
+        bus = nox_bus_new("alone");
+        nox_bus_set_handler(
+            bus,
+            [](NOXBus *, void *, const char *, int32_t, const char *) {
+                nox_object_delete(bus);
+                g_deleted = true;
+                return 0;
+            },
+            nullptr);
+        nox_bus_post_error(bus, "test", 1, "first");
+        nox_bus_post_error(bus, "test", 1, "freed with the bus");
+        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
+        EXPECT_EQ(1u, SIM_TraceCount("deleted in its own handler\n", 1));
+    });
+}
+
+TEST(Delete, OnASourcesOwnThreadIsToldAndLeavesThePluginsOnItsStackAlone)
+{
+    under_all_seeds([] {
+        Graph graph;
+        hand_over(graph);
+        script("k2").take = [](NOXBuffer *) {
+            if (!g_deleted)
+                delete_pipe();
+            return 0;
+        };
+        NOXPlugin *plugins[6];
+        size_t count = 0;
+        for (OSA_ListNode *node = OSA_ListGetHead(graph.pipe->plugins); node; node = node->next)
+            plugins[count++] = static_cast<NOXPlugin *>(node->data);
+        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
+        EXPECT_EQ(1u, SIM_TraceCount("pipe(player) deleted on the thread of its source", 1));
+        EXPECT_EQ(0u, script("k1").finalized);
+        nox_object_delete(graph.source); // joins its thread
+        for (NOXPlugin *plugin : plugins)
+            if (plugin != graph.source)
+                nox_object_delete(plugin);
+    });
+}
+
+TEST(Delete, InsideAHandlerSurvivesEveryFault)
+{
+    sweep_faults([] {
+        NOXPipe *pipe = nox_pipe_new("player");
+        if (pipe == nullptr)
+            return;
+        g_pipe = pipe;
+        g_deleted = false;
+        nox_pipe_set_bus_handler(pipe, delete_on_message, nullptr);
+        if (nox_bus_post_error(pipe->busref, "test", 1, nullptr) != 0)
+            return nox_object_delete(pipe);
+        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
+    });
+}
