@@ -20,15 +20,11 @@ if(NOX_COVERAGE)
     add_link_options(--coverage)
 endif()
 
-# nox_add_plugin(NAME SOURCE...): a plugin library that exports plugin_desc and
-# nothing else, so that it can be unloaded and cannot clash with another.
-function(nox_add_plugin name)
-    add_library(${name} MODULE ${ARGN})
-    target_link_libraries(${name} PRIVATE nox_build_options nox::core)
-    set_target_properties(${name} PROPERTIES PREFIX "" OUTPUT_NAME nox${name}
-        LIBRARY_OUTPUT_DIRECTORY ${NOX_PLUGIN_OUTPUT_DIRECTORY}
-        INSTALL_RPATH "$ORIGIN/.."
-        LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/plugin.map)
-    target_link_options(${name} PRIVATE
-        -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/plugin.map)
+# nox_add_tree_plugin(NAME SOURCE...): a plugin of this tree.
+include(${CMAKE_CURRENT_LIST_DIR}/NoxPlugin.cmake)
+function(nox_add_tree_plugin name)
+    nox_add_plugin(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE nox_build_options)
+    set_target_properties(${name} PROPERTIES
+        LIBRARY_OUTPUT_DIRECTORY ${NOX_PLUGIN_OUTPUT_DIRECTORY} INSTALL_RPATH "$ORIGIN/..")
 endfunction()

@@ -1,39 +1,31 @@
-// The default host functions: version texts for the start-up banners, and the
-// environment of the traces.
+/*
+ * The default host functions: version texts for the start-up banners, and the
+ * environment of the traces. In C, so that a C program that links them needs
+ * nothing of the C++ library.
+ */
 
 #include "osa/host.h"
 
-#include <cerrno>
-#include <cstdlib>
+#include <stdlib.h>
 
 #include "osa/osa_ext.h"
 
-namespace
+/* NOX_TRACE=0..4 sets the trace level; anything else is said and ignored. */
+static int32_t set_trace_level_from_environment(void)
 {
-
-constexpr uint32_t kVersionNumber =
-    NOX_VERSION_MAJOR * 10000 + NOX_VERSION_MINOR * 100 + NOX_VERSION_PATCH;
-
-// NOX_TRACE=0..4 sets the trace level; anything else is said and ignored.
-int32_t set_trace_level_from_environment()
-{
-    const char *text = std::getenv("NOX_TRACE");
-    if (text == nullptr || *text == '\0')
+    const char *text = getenv("NOX_TRACE");
+    if (text == NULL || *text == '\0')
         return 0;
-    char *end = nullptr;
-    const long level = std::strtol(text, &end, 10);
+    char *end = NULL;
+    const long level = strtol(text, &end, 10);
     if (*end != '\0' || level < 0 || level > OSA_TRACE_VERBOSE) {
         OSA_Trace("host", OSA_TRACE_ERROR, "host", __LINE__, __func__,
                   "NOX_TRACE is \"%s\"; expected a level from 0 to 4\n", text);
         return -1;
     }
-    OSA_TraceSetLevel(static_cast<int32_t>(level));
+    OSA_TraceSetLevel((int32_t)level);
     return 0;
 }
-
-} // namespace
-
-extern "C" {
 
 const char *core_version_osa_string(void)
 {
@@ -42,7 +34,7 @@ const char *core_version_osa_string(void)
 
 uint32_t core_version_osa(void)
 {
-    return kVersionNumber;
+    return NOX_VERSION_NUMBER;
 }
 
 const char *core_version_nox_string(void)
@@ -52,7 +44,7 @@ const char *core_version_nox_string(void)
 
 uint32_t core_version_nox(void)
 {
-    return kVersionNumber;
+    return NOX_VERSION_NUMBER;
 }
 
 const char *core_build_date(void)
@@ -74,5 +66,3 @@ int32_t sysenv_unload(void)
 {
     return 0;
 }
-
-} // extern "C"
