@@ -49,8 +49,9 @@ typedef void (*NOXPluginDescFunc)(NOXPluginDesc *desc);
 NOX_API int32_t nox_init(const char *cache_path);
 
 /** Frees the registry and takes pools and OS layer down, which lists the blocks that are
- * still alive (level 1). Every object must be gone. 0; -1 when the library is not
- * initialised. One thread, after all else. */
+ * still alive (level 1). Every object must be gone. Waits for the threads of pipes that
+ * were released in their own handlers and callbacks. 0; -1 when the
+ * library is not initialised. One thread, after all else. */
 NOX_API int32_t nox_deinit(void);
 
 /** The library path of the first cache entry named `name` (exact match), lent until

@@ -10,8 +10,9 @@
  *     ...
  *     nox_pipe_set_bus_handler(pipe, on_message, &my_state);
  *
- * The handler runs on the bus thread. It must not wait for the bus to end, which
- * dropping the last reference to the pipe would do.
+ * The handler runs on the bus thread and should not drop the last reference to the pipe
+ * or the bus: that is told at level 1, no further message is handed over, and the thread
+ * ends after the handler has returned.
  *
  * `bus` must not be null. Without a pipe a bus is made with nox_bus_new and released
  * with nox_object_delete, which ends its thread; messages still queued are dropped.
@@ -89,8 +90,8 @@ NOX_API int32_t nox_bus_post_error(NOXBus *bus, const char *name, int32_t code, 
  * applications. */
 NOX_API int32_t nox_bus_loop(void *bus);
 
-/** The object finalizer of a bus (takes a NOXBus): waits for the bus thread to end and
- * drops what is queued; 0. Not for applications. */
+/** The object finalizer of a bus (takes a NOXBus): waits for the bus thread to end,
+ * except on that very thread, and drops what is queued; 0. Not for applications. */
 NOX_API int32_t nox_bus_finalize(void *bus);
 
 #ifdef __cplusplus

@@ -14,7 +14,11 @@
  *     nox_object_delete(pipe);
  *
  * A pipe is released with nox_object_delete, which ends its threads and releases
- * its members. Bring it to NULL first.
+ * its members. Bring it to NULL first: what still runs is stopped then, as in
+ * nox_pipe_stop, and each source whose thread had not been joined is named at level 1.
+ * Release it neither in its bus handler nor in an asynchronous callback: that is told
+ * at level 1, and the thread that cannot wait for itself ends after the call. On the
+ * thread of one of its own sources, the members cannot be released at all.
  *
  * Threads: one thread at a time changes members, links or states, and no state
  * change runs beside another, synchronous or asynchronous: the pipe takes no
@@ -79,9 +83,9 @@ NOX_API NOXPipe *nox_pipe_new(const char *name);
 /** Size in bytes of NOXPipe. */
 NOX_API uint32_t nox_pipe_get_size(void);
 
-/** The object finalizer of a pipe (takes a NOXPipe): ends the control thread,
- * resets and releases every member, then bus and clock; 0. The states of the
- * members are not changed. Not for applications. */
+/** The object finalizer of a pipe (takes a NOXPipe): ends the control thread, stops
+ * every member that is still started, the sources first, resets and releases the
+ * members, then bus and clock; 0. Not for applications. */
 NOX_API int32_t nox_pipe_finalize(void *pipe);
 
 /** Adds a plugin, taking over the caller's reference, and hands it bus, clock and

@@ -155,7 +155,8 @@ NOX_API NOXPlugin *nox_plugin_new(const char *plgname, const char *name);
 /** Traces only; a plugin is released with nox_object_delete. */
 NOX_API void nox_plugin_delete(NOXPlugin *plugin);
 
-/** The object finalizer of every plugin (takes a NOXPlugin): frees the branch
+/** The object finalizer of every plugin (takes a NOXPlugin): stops it when its thread
+ * still runs, naming it at level 1, frees the branch
  * list, calls finalize_func and returns its result, releases allocator, event
  * and type name. -1 for null. Not for applications. */
 NOX_API int32_t nox_plugin_finalize(void *plugin);
