@@ -54,11 +54,6 @@ struct State {
 
 using WavSource = Element<NOXBaseSrc, State>;
 
-uint64_t scaled(uint64_t frames, uint32_t rate, uint64_t units_per_second)
-{
-    return frames / rate * units_per_second + frames % rate * units_per_second / rate;
-}
-
 bool is_pcm_wav(int format)
 {
     const int container = format & SF_FORMAT_TYPEMASK;

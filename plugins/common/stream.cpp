@@ -80,6 +80,15 @@ bool take_upstream_format(void *plugin, StreamFormat &stream)
     return true;
 }
 
+bool know_upstream_format(void *plugin, StreamFormat &stream)
+{
+    const Structure answer = ask_upstream(static_cast<NOXPlugin *>(plugin));
+    const char *sample =
+        answer == nullptr ? nullptr : nox_structure_getvar_string(answer.get(), kStreamFormat);
+    return sample != nullptr && std::strcmp(sample, kSigned16) == 0 &&
+           read_stream(answer.get(), stream);
+}
+
 int32_t forward_upstream_format(void *plugin, NOXStructure *format)
 {
     const Structure answer = ask_upstream(static_cast<NOXPlugin *>(plugin));

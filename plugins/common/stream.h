@@ -30,12 +30,22 @@ struct StreamFormat {
     }
 };
 
+// The time that `count` frames or bytes take at `rate` a second, in a unit of which
+// a second has `units_per_second`, rounded down.
+inline uint64_t scaled(uint64_t count, uint64_t rate, uint64_t units_per_second)
+{
+    return count / rate * units_per_second + count % rate * units_per_second / rate;
+}
+
 // Enters the facts of a stream; 0, or -1 when memory runs out.
 int32_t put_stream_format(NOXStructure *format, const StreamFormat &stream);
 
 // What the upstream plugin hands on. Reported, and false, when it does not say or
 // when that is no 16-bit PCM.
 bool take_upstream_format(void *plugin, StreamFormat &stream);
+
+// The same without a word, for a plugin that can do without.
+bool know_upstream_format(void *plugin, StreamFormat &stream);
 
 // A filter's answer for a stream that it does not reshape: the upstream facts, and
 // none while there are none; 0, or -1 when memory runs out.

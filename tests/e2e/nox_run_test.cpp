@@ -69,7 +69,7 @@ TEST_F(NoxRun, EveryFrameArrivesInEveryBranchAtTheGain)
     const Result result =
         play("wavsrc location=@in.wav ! tee name=s ! volume gain=0.5 ! tee name=t "
              "! wavsink location=@half.wav sync=true t. ! levelsink name=level "
-             "t. ! wavsink location=@again.wav s. ! volume gain=3 ! "
+             "t. ! wavsink location=@again.wav s. ! reblock size=4096 ! volume gain=3 ! "
              "wavsink location=@loud.wav");
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(result.out.rfind("level: 22051 frames at 44100 Hz; channel 1: peak 0.5", 0), 0u)
@@ -211,6 +211,11 @@ INSTANTIATE_TEST_SUITE_P(
         FailingRun{"wavsrc location=@in.wav islive=true ! levelsink", 2, "not live"},
         FailingRun{"wavsrc location=@in.wav ! volume gain=-1 ! levelsink", 2, "gain must be 0"},
         FailingRun{"wavsrc location=@in.wav ! volume gain=nan ! levelsink", 2, "gain must be 0"},
+        FailingRun{"wavsrc location=@in.wav ! reblock ! levelsink", 2, "size (bytes) or duration"},
+        FailingRun{"wavsrc location=@in.wav ! reblock size=8 duration=2 ! levelsink", 2, "both"},
+        FailingRun{"wavsrc location=@in.wav ! reblock size=3000000000 ! levelsink", 2, "must be"},
+        FailingRun{"wavsrc location=@in.wav ! reblock size=6 ! levelsink", 1, "frames of 4 bytes"},
+        FailingRun{"endless format=f32le ! reblock duration=9 ! levelsink", 1, "hands on f32le"},
         FailingRun{"wavsrc location=@in.wav ! wavsink location=/dev/full", 1, "No space left"},
         FailingRun{"wavsrc location=@in.wav ! wavsink location=/no/where", 1, "No such file"},
         FailingRun{"wavsrc location=@in.wav ! wavsink location=(string)''", 2, "is missing"},
