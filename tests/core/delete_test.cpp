@@ -62,9 +62,13 @@ void delete_pipe()
     g_deleted = true;
 }
 
-int32_t delete_on_message(NOXBus *, void *, const char *, int32_t, const char *)
+// The application's own word to its handler that the pipe may go: its change of
+// state is over by then.
+constexpr int32_t kDeleteIt = 1000;
+
+int32_t delete_on_message(NOXBus *, void *, const char *, int32_t code, const char *)
 {
-    if (!g_deleted)
+    if (code == kDeleteIt)
         delete_pipe();
     return 0;
 }
@@ -163,6 +167,8 @@ TEST(Delete, InThePipesOwnBusHandlerIsToldAndReleasesAll)
         hand_over(graph);
         nox_pipe_set_bus_handler(graph.pipe, delete_on_message, nullptr);
         nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 50));
+        nox_bus_post_error(graph.pipe->busref, "application", kDeleteIt, nullptr);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
         if (SIM_Seed() % 2 == 0) { // else the library is shut down while the handler returns
             OSA_ThreadSleep(1);
@@ -213,8 +219,9 @@ TEST(Delete, OnASourcesOwnThreadIsToldAndLeavesThePluginsOnItsStackAlone)
     under_all_seeds([] {
         Graph graph;
         hand_over(graph);
-        script("k2").take = [](NOXBuffer *) {
-            if (!g_deleted)
+        OSA_Event *may_go = OSA_EventCreate(0);
+        script("k2").take = [may_go](NOXBuffer *) {
+            if (OSA_EventWait(may_go, 0) == 0)
                 delete_pipe();
             return 0;
         };
@@ -223,7 +230,9 @@ TEST(Delete, OnASourcesOwnThreadIsToldAndLeavesThePluginsOnItsStackAlone)
         for (OSA_ListNode *node = OSA_ListGetHead(graph.pipe->plugins); node; node = node->next)
             plugins[count++] = static_cast<NOXPlugin *>(node->data);
         nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        OSA_EventSend(may_go);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
+        OSA_EventDestroy(may_go);
         EXPECT_EQ(1u, SIM_TraceCount("pipe(player) deleted on the thread of its source", 1));
         EXPECT_EQ(0u, script("k1").finalized);
         nox_object_delete(graph.source); // joins its thread
@@ -242,7 +251,7 @@ TEST(Delete, InsideAHandlerSurvivesEveryFault)
         g_pipe = pipe;
         g_deleted = false;
         nox_pipe_set_bus_handler(pipe, delete_on_message, nullptr);
-        if (nox_bus_post_error(pipe->busref, "test", 1, nullptr) != 0)
+        if (nox_bus_post_error(pipe->busref, "test", kDeleteIt, nullptr) != 0)
             return nox_object_delete(pipe);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
     });

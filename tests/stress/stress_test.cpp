@@ -134,6 +134,47 @@ TEST_F(Storm, StartingAndStoppingLeavesNothingBehind)
     }
 }
 
+TEST_F(Storm, PipesDeletedWhereverTheyRunLeaveNothingBehind)
+{
+    struct Owner {
+        NOXPipe *pipe;
+        std::atomic<bool> deleted{false};
+        void drop()
+        {
+            nox_object_delete(pipe);
+            deleted = true;
+        }
+    };
+    static Owner *owner; // the callback of a change has no argument of its own
+    for (int cycle = 0; cycle < 90; ++cycle) {
+        Owner current{new_pipe(cycle % 2 == 0)};
+        owner = &current;
+        nox_pipe_set_bus_handler(
+            current.pipe,
+            [](NOXBus *, void *data, const char *, int32_t code, const char *) -> int32_t {
+                if (code == 1000)
+                    static_cast<Owner *>(data)->drop();
+                return 0;
+            },
+            &current);
+        ASSERT_EQ(0, nox_pipe_set_state(current.pipe, NOX_STATE_PLAY));
+        if (cycle % 3 == 0) {
+            wait_for_progress();
+            current.drop();
+        } else if (cycle % 3 == 1) {
+            nox_bus_post_error(current.pipe->busref, "storm", 1000, nullptr);
+        } else {
+            nox_pipe_set_state_async(current.pipe, NOX_STATE_PAUSE,
+                                     [](NOXPipe *, int32_t, int32_t) -> int32_t {
+                                         owner->drop();
+                                         return 0;
+                                     });
+        }
+        while (!current.deleted)
+            std::this_thread::yield();
+    }
+}
+
 TEST_F(Storm, MessagesOfManyPostersAreNeitherLostNorReordered)
 {
     constexpr int kPosters = 4;
