@@ -53,12 +53,12 @@ typedef struct NOXObject {
     OSA_Library *library;           /**< the library a plugin came from, else null */
 } NOXObject;
 
-/** A new record of `size` bytes (at least sizeof(NOXObject)), zero after its
- * header, with one reference that the caller owns. `name` is copied; null
- * names it "unknown". A non-zero `lockable` gives it a mutex. A record that is
- * not lockable and has exactly the size of a registered pool comes from that
- * pool and carries the pool's name. Null, after a level-1 trace, when memory
- * or mutex cannot be had. */
+/** A new record of `size` bytes (at least sizeof(NOXObject)), zero after its header, with
+ * one reference that the caller owns. `name` is copied; null names it "unknown". A
+ * non-zero `lockable` gives it a mutex. A record that is not lockable and has exactly the
+ * size of a registered pool comes from that pool and carries the pool's name. Null, after
+ * a level-1 trace, for a smaller `size` and when memory or mutex cannot be had. Any
+ * thread. */
 NOX_API void *nox_object_new(uint32_t size, const char *name, uint8_t lockable);
 
 /** Takes one more reference; returns `object`. */
@@ -79,24 +79,25 @@ NOX_API char *nox_object_get_name(void *object);
 /** Returns 0 and changes nothing: a name is fixed at creation. */
 NOX_API int32_t nox_object_set_name(void *object, const char *name);
 
-/** Stores the owner (may be null) without taking a reference; 0. */
+/** Stores the owner (may be null) without taking a reference; 0. One thread at a time. */
 NOX_API int32_t nox_object_set_parent(void *object, void *parent);
 
 /** The owner last stored, lent, or null. */
 NOX_API void *nox_object_get_parent(void *object);
 
-/** Locks the object's recursive mutex, waiting without limit; 0. -1, after a level-1
- * trace, for an object that is not lockable. */
+/** Locks the object's recursive mutex, waiting without limit; the OS layer's answer, 0 for
+ * locked. -1, after a level-1 trace, for an object that is not lockable. */
 NOX_API int32_t nox_object_lock(void *object);
 
-/** Unlocks on the thread that locked; 0. -1 as for nox_object_lock. */
+/** Unlocks on the thread that locked; results as for nox_object_lock. */
 NOX_API int32_t nox_object_unlock(void *object);
 
 /** The finalizer, or null. */
 NOX_API NOXObjectFinalizeFunc nox_object_get_finalize_func(void *object);
 
-/** Stores a finalizer (may be null), replacing one that is set, which is traced at
- * level 1; 0. By the creator, before the object is shared. */
+/** Stores a finalizer (may be null), replacing one that is set, which is traced at level
+ * 1; 0. By the creator, before the object is shared. For records of one's own: the
+ * library's records rely on theirs, and lose what they hold without it. */
 NOX_API int32_t nox_object_set_finalize_func(void *object, NOXObjectFinalizeFunc finalize);
 
 /** Size in bytes of NOXObject. */
