@@ -3,8 +3,8 @@
  * noxmemory: one contiguous run of media bytes, owned or borrowed.
  *
  * Owned: nox_memory_new(size) allocates the bytes and frees them with the block.
- * Borrowed: nox_memory_new(0), then point it at bytes of a driver or a frame
- * pool and give it a hook that tells when the last holder is done with them:
+ * Borrowed: nox_memory_new(0), then point it at bytes of a driver or a frame pool and
+ * give it a hook that tells when the last holder is done with them:
  *
  *     NOXMemory *memory = nox_memory_new(0);
  *     nox_memory_set_data(memory, frame->bytes);
@@ -12,8 +12,9 @@
  *     nox_memory_set_private(memory, frame);
  *     nox_memory_set_finalize_func(memory, give_frame_back);
  *
- * Release a block with nox_object_delete, or hand it to a buffer. A block has
- * no lock: its creator fills it, everybody after only reads.
+ * Release a block with nox_object_delete, or hand it to a buffer. A block has no lock:
+ * its creator fills it, before it is shared, and everybody after only reads. `memory`
+ * must not be null.
  */
 #ifndef NOX_NOXMEMORY_H
 #define NOX_NOXMEMORY_H
@@ -26,8 +27,9 @@ extern "C" {
 
 typedef struct NOXMemory NOXMemory;
 
-/** The creator's release hook, called once with the block by the last release,
- * before owned bytes are freed, on the releasing thread. Non-zero is traced. */
+/** The creator's release hook, called once with the block by the last release, before
+ * owned bytes are freed, on the releasing thread. Non-zero is traced at level 1; the
+ * block is released all the same. */
 typedef int32_t (*NOXMemoryFinalizeFunc)(NOXMemory *memory);
 
 /** One block. */
@@ -48,16 +50,13 @@ NOX_API NOXMemory *nox_memory_new(uint32_t size);
 /** Size in bytes of NOXMemory. */
 NOX_API uint32_t nox_memory_get_size(void);
 
-/*
- * Accessors: each only reads or stores its field. `memory` must not be null. Setters
- * are for the creator, before the block is shared.
- */
-
 /** The bytes, lent for as long as the block lives; null when it carries none. */
 NOX_API uint8_t *nox_memory_get_data(NOXMemory *memory);
 
-/** Points a borrowing block at bytes of the caller's, which must outlive it; 0. Not for
- * a block that owns its bytes: it would free the new pointer and lose the old. */
+/** Points a borrowing block at bytes of the caller's (may be null), which must outlive it;
+ * 0. In a block that owns its bytes the new pointer takes their place: it must come from
+ * OSA_Malloc, goes to OSA_Free with the block (null is told at level 1 then), and the old
+ * bytes are the caller's. */
 NOX_API int32_t nox_memory_set_data(NOXMemory *memory, void *data);
 
 /** Valid bytes at the data. */
