@@ -1,7 +1,7 @@
 /**
  * @file
- * noxbuffer: the unit that plugins push to each other, up to three memory
- * blocks with the frame's metadata.
+ * noxbuffer: the unit that plugins push to each other, up to three memory blocks with the
+ * frame's metadata.
  *
  *     NOXBuffer *buffer = nox_buffer_new(bytes);
  *     memcpy(nox_buffer_get_data(buffer), samples, bytes);
@@ -9,10 +9,10 @@
  *     nox_plugin_push_buffer(plugin, buffer);
  *     nox_object_delete(buffer);
  *
- * A push lends the buffer: whoever keeps it past its chain call takes a
- * reference. A buffer has no lock: its producer fills it before the push, and
- * everybody after only reads. References may be dropped on any thread. `buffer`
- * must not be null unless said.
+ * A push lends the buffer: whoever keeps it past its chain call takes a reference. A
+ * buffer has no lock: its producer fills it before the push, and everybody after only
+ * reads. References may be dropped on any thread. `buffer` must not be null unless said.
+ * Setters that return int32_t return 0.
  */
 #ifndef NOX_NOXBUFFER_H
 #define NOX_NOXBUFFER_H
@@ -107,8 +107,8 @@ NOX_API int32_t nox_buffer_delete_memory_mem(NOXBuffer *buffer, NOXMemory *memor
 /** The same for every slot; 0, also for an empty buffer. */
 NOX_API int32_t nox_buffer_delete_memory_all(NOXBuffer *buffer);
 
-/** syncfunc(private_, buffer), or 0 without one. For consumers, before they read bytes
- * that a device has written: the library itself never calls it. */
+/** What syncfunc(private_, buffer) answers, or 0 without one. For consumers, before they
+ * read bytes that a device has written: the library itself never calls it. */
 NOX_API int32_t nox_buffer_sync(NOXBuffer *buffer);
 
 /** Stores the sync function (may be null). */
@@ -121,11 +121,6 @@ NOX_API NOXBufferSyncFunc nox_buffer_get_syncfunc(NOXBuffer *buffer);
  * nox_buffer_set_param sets; 0. */
 NOX_API int32_t nox_buffer_set_finalize_func(NOXBuffer *buffer, NOXBufferFinalizeFunc finalize,
                                              uint64_t param);
-
-/*
- * Accessors: each only reads or stores the field of its name, whose unit and meaning
- * stand in the record; int32_t results of setters are 0.
- */
 
 /** The producer's own value. @{ */
 NOX_API int32_t nox_buffer_set_private(NOXBuffer *buffer, void *private_value);
@@ -155,8 +150,9 @@ NOX_API int32_t nox_buffer_set_parent(NOXBuffer *buffer, void *parent);
 NOX_API void *nox_buffer_get_parent(NOXBuffer *buffer);
 /** @} */
 
-/** The bytes of the block that nox_buffer_new made, lent; null in a buffer put together
- * from blocks, whose bytes nox_buffer_get_memory leads to. */
+/** The bytes of the block that nox_buffer_new made, lent until that block is deleted (the
+ * pointer stays as it was then); null in a duplicate and in a buffer put together from
+ * blocks, whose bytes nox_buffer_get_memory leads to. */
 NOX_API uint8_t *nox_buffer_get_data(NOXBuffer *buffer);
 
 /** Bytes of all blocks together, as they were when appended. */
