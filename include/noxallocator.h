@@ -52,9 +52,11 @@ struct NOXAllocator {
     NOXFlushFunc flush_func;                /**< or null */
 };
 
-/** A new allocator with one reference, the caller's, and empty functions. `owner` (may
- * be null) is stored without a reference and also becomes the object parent; it must
- * outlive the allocator. Null, after a level-1 trace, when memory runs out. */
+/** A new allocator with one reference, the caller's, and empty functions. `owner` (may be
+ * null) is stored without a reference and also becomes the object parent; it must outlive
+ * the allocator. Release it with nox_object_delete, or hand it to its plugin with
+ * nox_plugin_set_allocator, which takes the reference over. Null, after a level-1 trace,
+ * when memory runs out. */
 NOX_API NOXAllocator *nox_allocator_new(void *owner);
 
 /** Size in bytes of NOXAllocator. */
