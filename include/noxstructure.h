@@ -48,7 +48,8 @@ typedef void (*NOXStructureFunction)(void);
 /** One entry. */
 typedef struct NOXStructureNode {
     int32_t type;                       /**< NOX_TYPE_ */
-    int32_t size;                       /**< fixed types: bytes; string: length; void: byte count */
+    int32_t size;                       /**< fixed types: bytes of the value; void: byte count;
+                                             string: length, 0 for null; func: 0 */
     uint64_t extra;                     /**< func: the companion value */
     char name[NOX_STRUCTURE_NAME_SIZE]; /**< zero-terminated */
     union {
@@ -90,9 +91,10 @@ NOX_API uint32_t nox_structure_get_size(void);
 /** Bytes of a value of this type; 0 for string, void, func and unknown codes. */
 NOX_API uint32_t nox_structure_type_getsize(int32_t type);
 
-/** A new zero-filled entry, already appended, that the caller fills: type, size,
- * name, value. The structure owns it, and a string in it. Null, after a level-1 trace,
- * when memory runs out. The setters below do all of this. */
+/** A new zero-filled entry, already appended, that the caller fills: type, size, name,
+ * value. The structure owns it, and a string in it, which must come from malloc. A name
+ * that is there already is not noticed. Null, after a level-1 trace, when memory runs
+ * out. The setters below do all of this. */
 NOX_API NOXStructureNode *nox_structure_new_node(NOXStructure *structure);
 
 /** The entry of that name, lent until it is removed, or null. */
@@ -164,16 +166,17 @@ NOX_API int32_t nox_structure_getvar_bool(NOXStructure *structure, const char *n
 NOX_API int32_t nox_structure_getvar_float(NOXStructure *structure, const char *name, float *value);
 /** @} */
 
-/** The stored text, owned by the structure and valid until the entry changes or goes;
- * null when there is no string of that name or its value is null. */
+/** The stored text, owned by the structure and valid until the entry changes or goes; null
+ * when its value is null and, after a level-4 trace, when there is no string of that
+ * name. */
 NOX_API const char *nox_structure_getvar_string(NOXStructure *structure, const char *name);
 
-/** The stored pointer, the setter's, with its byte count stored through `size`; null when
- * there is none, `size` untouched. */
+/** The stored pointer, the setter's, with its byte count stored through `size`; null,
+ * `size` untouched and after a level-4 trace, when there is none. */
 NOX_API void *nox_structure_getvar_void(NOXStructure *structure, const char *name, uint32_t *size);
 
-/** The stored function, with its companion stored through `extra`; null when
- * there is none, `extra` untouched. */
+/** The stored function, with its companion stored through `extra`; null, `extra` untouched
+ * and after a level-3 trace, when there is none. */
 NOX_API NOXStructureFunction nox_structure_getvar_func(NOXStructure *structure, const char *name,
                                                        uint64_t *extra);
 
