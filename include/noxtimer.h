@@ -37,7 +37,7 @@ typedef struct NOXTimer {
     int64_t streamts;      /**< lowest stream timestamp reported, ms; INT64_MAX: none */
     uint8_t timeset;       /**< the reading was set since the last stop or reset */
     OSA_Event *startevent; /**< signalled once, at the first start */
-    float rate;            /**< clock milliseconds in one of the tick; 1.0 is real time */
+    float rate;            /**< clock ms in one of the tick; 1.0: real time; 0 or less: stands */
     int64_t delay;         /**< ms, for the clock's users; not part of the reading */
 } NOXTimer;
 
@@ -63,7 +63,9 @@ NOX_API int32_t nox_timer_stop(NOXTimer *timer);
  * since it was last read, stopped or not. 0. */
 NOX_API int32_t nox_timer_reset(NOXTimer *timer);
 
-/** The reading in ms; 0 until the clock has been started. Takes the clock's lock. */
+/** The reading in ms; 0 on a clock that was neither started nor reset nor set. When the
+ * system tick lies before the base tick of a running clock (nox_timer_adjustbasetime),
+ * the tick less the last reading less 1, after a level-1 trace. Takes the clock's lock. */
 NOX_API uint64_t nox_timer_gettime(NOXTimer *timer);
 
 /** Waits at most `timeout_ms` (OSA_WAIT_FOREVER: without limit) for the first start. 0
@@ -80,8 +82,11 @@ NOX_API int32_t nox_timer_settime(NOXTimer *timer, uint64_t offset);
  * now. So `time` must not lie after the tick, and the clock must read in its range. 0. */
 NOX_API int32_t nox_timer_settime_absolute(NOXTimer *timer, uint64_t time);
 
-/** Shifts the base that the first reading counts from by the present reading less
- * `time` ms; a clock that has read more than 0 keeps its reading. 0. */
+/** Shifts the base tick that the first reading counts from by the present reading less
+ * `time` ms; 0. A clock that has read more than 0 keeps its reading. Keep the base
+ * between 0 and the present tick, which is not checked: with `time` beyond reading and
+ * base tick together, or a reading beyond the ticks since the base, a running clock
+ * counts no more (nox_timer_gettime). */
 NOX_API int32_t nox_timer_adjustbasetime(NOXTimer *timer, uint64_t time);
 
 /** Reports a stream timestamp in ms, of which the lowest is kept; INT64_MAX clears it.
@@ -91,9 +96,9 @@ NOX_API int32_t nox_timer_set_streamts(NOXTimer *timer, int64_t timestamp);
 /** The lowest timestamp reported, ms, or -1 when there is none. Takes no lock. */
 NOX_API int64_t nox_timer_get_streamts(NOXTimer *timer);
 
-/** Stores the speed, unchecked: 1.0 is real time, 2.0 twice as fast, 0 stands still. It
- * holds from the next reading on, for the whole interval since the last; read the clock
- * first to have it exact. 0. */
+/** Stores the speed, unchecked: 1.0 is real time, 2.0 twice as fast; at 0, below it and
+ * for not-a-number the clock stands still. It holds from the next reading on, for the
+ * whole interval since the last; read the clock first to have it exact. 0. */
 NOX_API int32_t nox_timer_set_rate(NOXTimer *timer, float rate);
 
 /** The speed last stored; 1.0 at first. */
