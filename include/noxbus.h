@@ -1,21 +1,23 @@
 /**
  * @file
- * noxbus: carries messages from plugins and the pipe to the application without
- * holding up whoever posts. A post copies the message onto a queue; the bus's
- * own thread hands the messages to the application's handler one at a time, in
- * the order they were posted.
+ * noxbus: carries messages from plugins and the pipe to the application without holding
+ * up whoever posts. A post copies the message onto a queue; the bus's own thread hands
+ * the messages to the application's handler one at a time, in the order they were posted.
  *
  *     static int32_t on_message(NOXBus *bus, void *data, const char *name,
  *                               int32_t code, const char *text);
  *     ...
  *     nox_pipe_set_bus_handler(pipe, on_message, &my_state);
  *
- * The handler runs on the bus thread and should not drop the last reference to the pipe
- * or the bus: that is told at level 1, no further message is handed over, and the thread
- * ends after the handler has returned.
+ * The handler runs on the bus thread. It may drop the last reference to the pipe or the
+ * bus, but had better leave that to another thread: it is told at level 1, no further
+ * message is handed over, and everything is released but the thread, which ends when the
+ * handler has returned and is joined by a later nox_pipe_new or by nox_deinit. The
+ * handler must not touch pipe or bus after that.
  *
- * `bus` must not be null. Without a pipe a bus is made with nox_bus_new and released
- * with nox_object_delete, which ends its thread; messages still queued are dropped.
+ * `bus` must not be null. Without a pipe a bus is made with nox_bus_new and released with
+ * nox_object_delete, which waits for a handler in progress and ends the thread; messages
+ * still queued are dropped.
  */
 #ifndef NOX_NOXBUS_H
 #define NOX_NOXBUS_H
@@ -90,8 +92,9 @@ NOX_API int32_t nox_bus_post_error(NOXBus *bus, const char *name, int32_t code, 
  * applications. */
 NOX_API int32_t nox_bus_loop(void *bus);
 
-/** The object finalizer of a bus (takes a NOXBus): waits for the bus thread to end,
- * except on that very thread, and drops what is queued; 0. Not for applications. */
+/** The object finalizer of a bus (takes a NOXBus): waits for the bus thread to end, except
+ * on that very thread, which is told at level 1, and drops what is queued; 0. Not for
+ * applications. */
 NOX_API int32_t nox_bus_finalize(void *bus);
 
 #ifdef __cplusplus
