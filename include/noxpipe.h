@@ -131,9 +131,10 @@ NOX_API int32_t nox_pipe_debug_unused_plugin(NOXPipe *pipe);
  * its create function or push in progress takes.
  *
  * -1 when a plugin refused or there is no source: no rollback, plugins already
- * changed keep the new state, and so does the pipe; the clock is left alone. Upward
- * the sources stay unchanged when a plugin downstream refused; a source that refuses
- * leaves those after it unchanged and, downward, all that lies downstream. */
+ * changed keep the new state, and so does the pipe (asking again answers 0); the clock
+ * is left alone. Upward the sources stay unchanged when a plugin downstream refused; a
+ * source that refuses leaves those after it unchanged and, downward, all that lies
+ * downstream. */
 NOX_API int32_t nox_pipe_set_state(NOXPipe *pipe, int32_t state);
 
 /** The pipe's state, which is the target from the start of a change; NOX_STATE_NULL
