@@ -99,8 +99,8 @@ NOX_API int32_t nox_pipe_add_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 NOX_API int32_t nox_pipe_add_plugin_many(NOXPipe *pipe, NOXPlugin *plugin, ...);
 
 /** Removes a member; its reference passes back to the caller, and it keeps state,
- * bus, clock, parent and links: undo the links before it is released. 0 whether or
- * not it was a member; -1 for null. */
+ * bus, clock, parent and links: nox_plugin_reset it and its neighbours before it is
+ * released. 0 whether or not it was a member; -1 for null. */
 NOX_API int32_t nox_pipe_del_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
 /** Removes the chain that `plugin` is part of, from its source along branch 0,
