@@ -83,10 +83,10 @@ NOX_API int32_t nox_timer_settime(NOXTimer *timer, uint64_t offset);
 NOX_API int32_t nox_timer_settime_absolute(NOXTimer *timer, uint64_t time);
 
 /** Shifts the base tick that the first reading counts from by the present reading less
- * `time` ms; 0. A clock that has read more than 0 keeps its reading. Keep the base
- * between 0 and the present tick, which is not checked: with `time` beyond reading and
- * base tick together, or a reading beyond the ticks since the base, a running clock
- * counts no more (nox_timer_gettime). */
+ * `time` ms; 0. A clock that has read more than 0 keeps its reading. Keep the base, with
+ * the pauses counted so far, between 0 and the present tick, which is not checked: where
+ * `time` exceeds reading and base tick together, or the reading exceeds `time` by more
+ * than the ticks since the base, a running clock reads nonsense (nox_timer_gettime). */
 NOX_API int32_t nox_timer_adjustbasetime(NOXTimer *timer, uint64_t time);
 
 /** Reports a stream timestamp in ms, of which the lowest is kept; INT64_MAX clears it.
