@@ -26,6 +26,7 @@ install(FILES
 
 # pkg-config
 file(RELATIVE_PATH NOX_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" NOX_PC_TO_PREFIX ${NOX_PC_TO_PREFIX})
 foreach(name noxcore noxcore-plugin)
     configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

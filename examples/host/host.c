@@ -12,7 +12,6 @@
 
 #define _POSIX_C_SOURCE 200809L
 
-#include <errno.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdatomic.h>
@@ -225,7 +224,7 @@ int main(int argc, char **argv)
     if (player.signals >= 0 && player.news >= 0)
         code = run(&player, argv + 1);
     else
-        fprintf(stderr, "host: %s\n", strerror(errno));
+        perror("host");
     if (player.signals >= 0)
         close(player.signals);
     if (player.news >= 0)

@@ -149,7 +149,7 @@ static int32_t mono_start(NOXBaseFilter *filter)
 /* The next run may bring another stream. */
 static int32_t mono_stop(NOXBaseFilter *filter)
 {
-    memset(&((Mono *)filter)->input, 0, sizeof(Stream));
+    ((Mono *)filter)->input = (Stream){0};
     return 0;
 }
 
