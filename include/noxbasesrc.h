@@ -1,9 +1,9 @@
 /**
  * @file
- * noxbasesrc: what a source plugin is built on. The plugin supplies a function
- * that returns one buffer each time; the base source runs a thread that calls
- * it, stamps live buffers with the pipeline clock, pushes them downstream, parks
- * while the pipe is in PAUSE, and recovers or ends by the source's error policy.
+ * noxbasesrc: what a source plugin is built on. The plugin supplies a function that
+ * returns one buffer each time; the base source runs a thread that calls it, stamps live
+ * buffers with the pipeline clock, pushes them downstream, parks while the pipe is in
+ * PAUSE, and recovers or ends by the source's error policy.
  *
  *     typedef struct CameraSource {
  *         NOXBaseSrc base;
@@ -20,12 +20,14 @@
  *         return 0;
  *     }
  *
- * Options (see nox_basesrc_setformat): "priority", "maxframes", "islive",
- * "errhandle", "errcount", "errcallback", "asyncstart", "privatets".
+ * Options (see nox_basesrc_setformat): "priority", "maxframes", "islive", "errhandle",
+ * "errcount", "errcallback", "asyncstart", "privatets".
  *
  * In the functions that take a NOXPlugin, the record behind it is a NOXBaseSrc.
- * create_func, postpush_func and, in a restart, stop_func and start_func run on the
- * source thread; the other functions on the controlling thread.
+ * create_func and postpush_func run on the source thread, start_func, prestop_func,
+ * stop_func and setstate_func on the controlling one, setformat_func, getformat_func and
+ * event_func on the caller's. Policy RESTART (below) calls stop_func and start_func, not
+ * prestop_func, on the source thread, each under the pipe's object lock.
  */
 #ifndef NOX_NOXBASESRC_H
 #define NOX_NOXBASESRC_H
@@ -36,13 +38,17 @@
 extern "C" {
 #endif
 
-/** Error policies (option "errhandle"): what a live source does when create_func
- * returns null. */
+/** Error policies (option "errhandle"; any other value is QUIT): what a live source does
+ * when create_func returns null. The failures in a row are counted against `errcount`;
+ * NOX_MSG_CAPTURE_ERROR is what is posted. */
 enum {
-    NOX_ERRHANDLE_QUIT = 0,      /**< post, and end the thread past `errcount` failures */
-    NOX_ERRHANDLE_RETRY = 1,     /**< go on at once, and post past `errcount` failures */
-    NOX_ERRHANDLE_RESTART = 2,   /**< post, stop, wait up to 4 s for the group, start again */
-    NOX_ERRHANDLE_DONT_CARE = -1 /**< go on after 100 ms */
+    NOX_ERRHANDLE_QUIT = 0,      /**< post each; up to `errcount` go on after 100 ms, past it set
+                                    `eos`, which is not pushed, and end the thread */
+    NOX_ERRHANDLE_RETRY = 1,     /**< go on at once; post those past `errcount` */
+    NOX_ERRHANDLE_RESTART = 2,   /**< post each, whatever `errcount`; stop_func, wait up to 4 s for
+                                    the group (always 4 s in none), start_func, whose result is
+                                    not looked at; go on after 100 ms */
+    NOX_ERRHANDLE_DONT_CARE = -1 /**< count anew, post nothing; go on after 100 ms */
 };
 
 typedef struct NOXBaseSrc NOXBaseSrc;
@@ -56,12 +62,15 @@ typedef int32_t (*NOXBaseSrcEventFunc)(NOXBaseSrc *source, NOXEvent *event);
 /** @} */
 
 /** The next buffer, whose one reference passes to the base source, or null when nothing
- * was captured: end of stream of a source that is not live, a failure of a live one. It
- * may wait for data, but a stop and a pause wait for it in turn: return, with null, soon
- * after the field `started` of the plugin is cleared. On the source thread. */
+ * was captured. Of a live source that is a failure. Of one that is not live it is end of
+ * stream: that is pushed the first time, and the function is called again every 100 ms
+ * (with policy RETRY at once) until the source is stopped. It may wait for data, but a
+ * stop and a pause wait for it in turn: return, with null, soon after the field `started`
+ * of the plugin is cleared. On the source thread. */
 typedef NOXBuffer *(*NOXBaseSrcCreateFunc)(NOXBaseSrc *source);
 
-/** Told after each buffer that was pushed with success, on the source thread. */
+/** Told after each buffer that was pushed with success, but for the one that reaches
+ * `maxframes`, on the source thread. */
 typedef void (*NOXBaseSrcPostPushFunc)(NOXBaseSrc *source);
 
 /** The record that a source's own record begins with. The source's init function fills
@@ -77,13 +86,16 @@ struct NOXBaseSrc {
     uint8_t usethread;   /**< 1; a source that produces in a context of its own clears it */
     uint64_t lastts;     /**< ms: timestamp of the previous buffer; 0: none */
     uint32_t maxframes;  /**< end of stream after so many buffers; 0: no limit */
-    uint32_t framecount; /**< buffers pushed while there is a limit */
-    uint8_t eos;         /**< end of stream reached, or quit; cleared by each live buffer */
-    uint8_t restartreq; /**< set by a restarting member of its group; the derived source reads it */
-    int32_t errhandle;  /**< NOX_ERRHANDLE_ */
-    int32_t errcount;   /**< consecutive failures tolerated; 0 at first */
-    void *errcallback;  /**< value of the option, for the derived source */
-    uint8_t pausewait;  /**< a pause waits for the thread's acknowledgement */
+    uint32_t framecount; /**< buffers pushed while there is a limit; start and stop leave it, so a
+                            source started again after its limit ends with its next buffer */
+    uint8_t eos;         /**< end of stream reached, or quit; cleared by each live buffer, never of
+                            a source that is not live */
+    uint8_t restartreq;  /**< set by a restarting member of its group; the derived source reads
+                            and clears it */
+    int32_t errhandle;   /**< NOX_ERRHANDLE_; QUIT at first */
+    int32_t errcount;    /**< failures in a row that the policy tolerates; 0 at first */
+    void *errcallback;   /**< value of the option, for the derived source */
+    uint8_t pausewait;   /**< 1 while a pause waits for the thread's acknowledgement */
     OSA_Event *pauseevent;       /**< that acknowledgement; live sources, between start and stop */
     NOXBaseSrcFunc start_func;   /**< optional; 0 is success */
     NOXBaseSrcFunc prestop_func; /**< optional; on stop, before the thread is waited for: wakes
@@ -137,30 +149,35 @@ NOX_API int32_t nox_basesrc_getformat(NOXPlugin *source, NOXStructure *format);
  * thread or pause event cannot be made; start_func's work is then left to stop_func. */
 NOX_API int32_t nox_basesrc_start(NOXPlugin *source);
 
-/** Slot operation, through nox_plugin_stop, which has cleared `started`: runs
- * prestop_func, waits without limit for the thread to end (a create or chain function in
- * progress is waited for), runs stop_func. The result is stop_func's, without one
- * prestop_func's, without both 0. On the source's own thread it does not wait: the thread is
- * left to a later stop, with a level-1 trace. */
+/** Slot operation, through nox_plugin_stop, which clears `started` first, without which
+ * the thread would not end: runs prestop_func, waits without limit for the thread to end
+ * (a create or chain function in progress is waited for), runs stop_func, each whatever
+ * the one before answered. The result is stop_func's, without one prestop_func's, without
+ * both 0; a failure is told at level 1. On the source's own thread it does not wait: the
+ * thread is left to a later stop, with a level-1 trace. */
 NOX_API int32_t nox_basesrc_stop(NOXPlugin *source);
 
 /** Slot operation, through nox_plugin_setstate: what setstate_func answers, 0 without one.
- * To PAUSE, a live source waits without limit until its thread has parked or ended; when
- * its pipe has not been started it is told to end instead. */
+ * To PAUSE, a live source waits without limit until its thread has parked or ended, but
+ * not on that thread, and not without one; when its pipe has not been started the thread
+ * is told to end instead. A source that is not live parks with its next pass, and the
+ * change does not wait for it. */
 NOX_API int32_t nox_basesrc_setstate(NOXPlugin *source, int32_t state);
 
 /** Slot operation: what event_func answers, 0 without one. When that is a failure, a
  * source that is not live posts NOX_MSG_EOS. */
 NOX_API int32_t nox_basesrc_event(NOXPlugin *source, NOXEvent *event);
 
-/** Slot operation, at the last release: what finalize_func answers; -1 without one. */
+/** Slot operation, at the last release, when the thread has ended: what finalize_func
+ * answers; -1 without one, which is traced at level 1. */
 NOX_API int32_t nox_basesrc_finalize(NOXPlugin *source);
 
-/** create_func's buffer, its one reference the caller's, or null. `create_func` must be
- * set. */
+/** create_func's buffer, its one reference the caller's, or null when nothing was
+ * captured. `create_func` must be set. For the source thread. */
 NOX_API NOXBuffer *nox_basesrc_buf_create(NOXBaseSrc *source);
 
-/** The source thread's body (takes a NOXBaseSrc); ends the calling thread. */
+/** The source thread's body (takes a NOXBaseSrc); ends the calling thread. Not for
+ * applications. */
 NOX_API int32_t nox_basesrc_loop(void *source);
 
 /** 1 once a live source has produced its first buffer, for the life of the record; 0 for
