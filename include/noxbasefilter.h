@@ -1,8 +1,8 @@
 /**
  * @file
- * noxbasefilter: what a filter plugin is built on. It forwards each plugin
- * operation to the derived filter's function, with a fixed answer where there
- * is none. The filter's chain function pushes its output on:
+ * noxbasefilter: what a filter plugin is built on. It forwards each plugin operation to
+ * the derived filter's function, with a fixed answer where there is none. The filter's
+ * chain function pushes its output on:
  *
  *     static int32_t invert_chain(NOXBaseFilter *filter, NOXBuffer *input)
  *     {
@@ -17,10 +17,12 @@
  *         return result;
  *     }
  *
- * setstate_func is required in practice: without it every state change fails.
- * In the functions that take a NOXPlugin, the record behind it is a NOXBaseFilter.
- * They run where the plugin's slots run (noxplugin.h), and nothing is locked: what the
- * chain function shares with setformat_func or event_func is the filter's to guard.
+ * setstate_func is required in practice: without it every state change fails. In the
+ * functions that take a NOXPlugin, the record behind it is a NOXBaseFilter. They run
+ * where the plugin's slots run: chain_func on the pushing thread, alloca_func on that of
+ * the upstream plugin, event_func on the pushing thread or the controlling one, the rest
+ * on the controlling one or the caller's (noxplugin.h). Nothing is locked: what
+ * chain_func shares with setformat_func or event_func is the filter's to guard.
  */
 #ifndef NOX_NOXBASEFILTER_H
 #define NOX_NOXBASEFILTER_H
@@ -53,7 +55,8 @@ struct NOXBaseFilter {
     NOXBaseFilterFunc stop_func;             /**< optional: 0 without */
     NOXBaseFilterChainFunc chain_func;       /**< -1 without; the buffer is lent for the call */
     NOXBaseFilterFunc finalize_func;         /**< -1 without, which is traced at level 1 */
-    NOXBaseFilterAllocatorFunc alloca_func;  /**< optional: offers no allocator without */
+    NOXBaseFilterAllocatorFunc alloca_func;  /**< optional: offers no allocator without; its
+                                                answer is lent for as long as they are linked */
     NOXBaseFilterEventFunc event_func;       /**< optional: 0 without */
     NOXBaseFilterSetStateFunc setstate_func; /**< -1 without */
 };
@@ -66,10 +69,11 @@ NOX_API int32_t nox_basefilter_init(NOXBaseFilter *filter);
 /** Size in bytes of NOXBaseFilter. */
 NOX_API uint32_t nox_basefilter_get_size(void);
 
-/** A slot operation, called through the plugin operations, by the push and by the
- * upstream plugin's request for an allocator: it returns what the filter's function of
- * that name answers, or what its field says without one. A start or event function that
- * fails with whatever value is answered with -1, after a level-1 trace. @{ */
+/** A slot operation, called through the plugin operations, by the push and by the upstream
+ * plugin's request for an allocator: it returns what the filter's function of that name
+ * answers, or what its field says without one. A start or event function that fails with
+ * whatever value is answered with -1, after a level-1 trace; the failure of a stop
+ * function is traced at level 1 and answered as it is. @{ */
 NOX_API int32_t nox_basefilter_setformat(NOXPlugin *filter, NOXStructure *format);
 NOX_API int32_t nox_basefilter_getformat(NOXPlugin *filter, NOXStructure *format);
 NOX_API int32_t nox_basefilter_start(NOXPlugin *filter);
