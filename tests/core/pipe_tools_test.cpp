@@ -144,6 +144,16 @@ TEST_F(PipeTools, ATextThatOutgrowsItsBlockEndsWithAWholeGraphAndIsToldOnce)
     EXPECT_TRUE(isdigit(text.back())) << "ends with a whole piece: " << text.substr(4000);
     EXPECT_EQ(std::string::npos, text.find(std::string(128, 'k')));
 
+    // The last byte that may be used is the one before the closing piece and its zero.
+    NOXPlugin *first = member(new_source("s"));
+    nox_plugin_link(first, member(new_sink("k"))); // " -> k;"
+    for (size_t length = 4080; length < 4094; ++length) {
+        char full[NOX_PIPE_TEXT_SIZE] = "";
+        memset(full, 'x', length);
+        pipe_print_plugin(first, full);
+        EXPECT_EQ(length + 6 + 2 < NOX_PIPE_TEXT_SIZE ? length + 6 : length, strlen(full));
+    }
+
     // A graph that was linked in a circle ends as well.
     nox_plugin_reset(last);
     nox_plugin_link(last, last);
