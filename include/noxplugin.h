@@ -58,7 +58,7 @@ enum {
 enum {
     NOX_EVENT_STOPPING = 2,  /**< the pipe goes from PAUSE to NULL */
     NOX_EVENT_STOPPED = 3,   /**< the same change, right after */
-    NOX_EVENT_CLOCKRATE = 4, /**< data: two floats, the old rate and the new */
+    NOX_EVENT_CLOCKRATE = 4, /**< data: a NOXClockRateChange (noxpipe.h) */
     NOX_EVENT_RESET = 5,     /**< the pipe was reset */
     NOX_EVENT_EOS = 6        /**< end of stream */
 };
