@@ -191,7 +191,8 @@ NOX_API int32_t nox_plugin_stop(NOXPlugin *plugin);
 
 /** Hands options to the plugin and returns what it answers; -1, after a level-1 trace,
  * without setformat_func and for a null format. The format stays the caller's. Any
- * thread, one at a time, also while data flows. Checked. */
+ * thread, one at a time, also while data flows; which options may change then is the
+ * plugin's to say. Checked. */
 NOX_API int32_t nox_plugin_setformat(NOXPlugin *plugin, NOXStructure *format);
 
 /** Lets the plugin enter its options and facts into the format, which stays the caller's;
