@@ -131,10 +131,11 @@ NOX_API int32_t nox_basesink_event(NOXPlugin *sink, NOXEvent *event);
 
 /** Slot operation, on the pushing thread: measures, waits for the clock (`sync`), and
  * returns what render_func answers. It waits first until the clock reads more than 0, or
- * until the source on whose thread it runs is stopped or asked to pause, then until the
- * buffer's timestamp; a timestamp of 0, or one that has passed, is not waited for, and no
- * buffer is dropped. The wait for the timestamp is one sleep that nothing cuts short: a
- * change to PAUSE or NULL waits for it. -1, after a level-1 trace, without render_func. */
+ * until the source on whose thread it runs is stopped or asked to pause, when it waits no
+ * further; then until the buffer's timestamp. A timestamp of 0, or one that has passed,
+ * is not waited for, and no buffer is dropped. The wait for the timestamp is one sleep
+ * that nothing cuts short: a change to PAUSE or NULL waits for it. -1, after a level-1
+ * trace, without render_func. */
 NOX_API int32_t nox_basesink_chain(NOXPlugin *sink, NOXBuffer *buffer);
 
 /** 1 when a buffer has arrived since the last NOX_EVENT_STOPPING. Any thread. */
