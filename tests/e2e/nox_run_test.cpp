@@ -264,3 +264,68 @@ TEST_F(NoxRun, ATimeLimitEndsTheStreamLikeASignal)
         expect_whole("limit.wav");
     }
 }
+
+// Graphviz is a script here, which shows what it is given.
+TEST_F(NoxRun, TheGraphIsWrittenOrDrawnBeforeAnythingActs)
+{
+    const std::string text = "digraph mainpipe { \n rankdir=\"LR\"; node [shape=box color=blue "
+                             "style=filled fillcolor=yellow] \nwavsrc -> t -> levelsink;t -> "
+                             "wavsink; }";
+    const std::string good = "wavsrc location=@in.wav ! tee name=t ! levelsink t. ! wavsink "
+                             "location=@played.wav";
+    std::string large = "wavsrc location=@in.wav ! tee name=t";
+    for (int branch = 10; branch < 60; ++branch)
+        large += " t. ! levelsink name=" + std::string(100, 'a') + std::to_string(branch);
+    const struct {
+        const char *file;
+        const char *dot; // script; null: not installed
+        std::string notation;
+        int code;
+        const char *says;
+        std::string shows; // the file; empty: there is none
+    } cases[] = {
+        {"g.dot", nullptr, good, 0, "", text},
+        {"g.svg", "echo $*; exec /bin/cat", good, 0, "", "-Tsvg\n" + text},
+        {"g.png", "echo $*; exec /bin/cat",
+         "wavsrc location=@gone.wav ! tee name=t ! levelsink t. ! wavsink", 1,
+         "No such file or directory", "-Tpng\n" + text},
+        {"g.svg", nullptr, good, 1, "g.svg: it is not installed", ""},
+        {"g.svg", "echo half; echo no fonts >&2; exit 3", good, 1, "exit code 3\nno fonts\n", ""},
+        {"g.svg", "kill -9 $$", good, 1, "ended by signal 9", ""},
+        {"g.svg", "exit 0", good, 1, "it has written nothing", ""},
+        {"g.svg", "kill -INT $PPID; exec /bin/sleep 60", good, 1, "ended by signal 15", ""},
+        {"no/g.svg", "exec /bin/cat", good, 1, "no/g.svg: No such file or directory", ""},
+        {"no/g.dot", "exec /bin/cat", good, 1, "no/g.dot: No such file or directory", ""},
+        {"g.pdf", "exec /bin/cat", good, 2, "ends in .dot, .svg or .png", ""},
+        {"g.dot", nullptr, "wavsrc ! levelsink name=my-sink", 2,
+         "name my-sink; give it one with name=", ""},
+        {"g.dot", nullptr, "wavsrc ! levelsink name=Node", 2, "no word of the DOT language\n", ""},
+    };
+    std::filesystem::create_directory(path("bin"));
+    const auto play_with = [](const std::string &file, const std::string &notation) {
+        return run({"/usr/bin/env", "PATH=" + path("bin"), NOX_RUN, "-q", "--cache", path("cache"),
+                    "--graph", path(file), with_paths(notation)});
+    };
+    for (const auto &[file, dot, notation, code, says, shows] : cases) {
+        for (const char *left : {"bin/dot", "g.dot", "g.svg", "g.png", "played.wav"})
+            std::filesystem::remove(path(left));
+        if (dot != nullptr) {
+            write_file(path("bin/dot"), std::string("#!/bin/sh\n") + dot + "\n");
+            std::filesystem::permissions(path("bin/dot"), std::filesystem::perms::owner_all);
+        }
+        const Result result = play_with(file, notation);
+        EXPECT_EQ(result.code, code) << result.err;
+        EXPECT_NE(result.err.find(says), std::string::npos) << says << ": " << result.err;
+        EXPECT_EQ(read_file(path(file)), shows);
+        EXPECT_EQ(std::filesystem::exists(path(file)), !shows.empty());
+        EXPECT_EQ(std::filesystem::exists(path("played.wav")), code == 0);
+    }
+    const Result part = play_with("g.dot", large);
+    EXPECT_EQ(part.code, 0) << "a graph in part is told, and plays";
+    EXPECT_NE(part.err.find("g.dot shows 37 of 51 links"), std::string::npos) << part.err;
+    const Result full =
+        run({NOX_RUN, "--cache", path("cache"), "--graph", path("g.dot"), with_paths(large)},
+            nullptr, 2000);
+    EXPECT_EQ(full.code, 1);
+    EXPECT_NE(full.err.find("g.dot: File too large"), std::string::npos) << full.err;
+}

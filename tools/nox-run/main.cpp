@@ -10,6 +10,7 @@
 #include "graph.h"
 #include "nox.h"
 #include "osa/host.h"
+#include "picture.h"
 #include "player.h"
 
 namespace
@@ -36,6 +37,7 @@ struct Settings {
     int verbosity = 0;
     bool quiet = false;
     uint32_t time_limit = 0; // seconds
+    std::string graph;       // file for the picture; empty: none
 };
 
 std::string joined(const std::vector<std::string> &words)
@@ -76,7 +78,7 @@ bool draws_meter(const GraphElement &element)
 }
 
 int play(Console &console, Signals &signals, const std::vector<ElementText> &texts,
-         std::chrono::seconds time_limit)
+         const Settings &settings)
 {
     Mailbox mailbox; // outlives the pipe and its bus thread
     const PipePointer pipe(nox_pipe_new("nox-run"));
@@ -84,8 +86,12 @@ int play(Console &console, Signals &signals, const std::vector<ElementText> &tex
         throw std::runtime_error("the pipe could not be made");
     const std::vector<GraphElement> elements = create_elements(pipe.get(), texts);
     link_elements(elements);
+    // Before anything acts: a graph that hangs from here on has its picture.
+    if (!settings.graph.empty())
+        write_picture(pipe.get(), texts, settings.graph, console, signals);
 
-    Player player(console, signals, mailbox, pipe.get(), elements, time_limit);
+    Player player(console, signals, mailbox, pipe.get(), elements,
+                  std::chrono::seconds(settings.time_limit));
     try {
         set_options(elements);
     } catch (const SetupError &error) {
@@ -107,18 +113,23 @@ int run_notation(Console &console, Signals &signals, const Settings &settings)
     const std::string text = joined(settings.words);
     try {
         const std::vector<ElementText> elements = parse_notation(text);
+        if (!settings.graph.empty())
+            check_picture_names(elements);
         if (nox_init(settings.cache.c_str()) != 0) {
             console.error("cannot read the plugin cache " + settings.cache);
             return kPluginOrCache;
         }
         console.show_plain_lines();
-        return play(console, signals, elements, std::chrono::seconds(settings.time_limit));
+        return play(console, signals, elements, settings);
     } catch (const NotationError &error) {
         return fail_at(console, text, error.place, error.message, kUsage);
     } catch (const PluginError &error) {
         return fail_at(console, text, error.place, error.message, kPluginOrCache);
     } catch (const SetupError &error) {
         return fail_at(console, text, error.place, error.message, kFailed);
+    } catch (const PictureError &error) {
+        console.error(error.message);
+        return kFailed;
     }
 }
 
@@ -182,6 +193,10 @@ int run_command_line(int argc, char **argv)
     app.add_flag("-q,--quiet", settings.quiet, "Show nothing but errors");
     app.add_option("--time-limit", settings.time_limit, "End the stream after so many seconds")
         ->type_name("SECONDS");
+    app.add_option("--graph", settings.graph,
+                   "Before playing, write the graph to a .dot, or draw it as .svg or .png")
+        ->type_name("FILE")
+        ->check(check_picture_path);
     app.add_option("notation", settings.words, "The graph, in one word or several")->required();
     try {
         app.parse(argc, argv);
