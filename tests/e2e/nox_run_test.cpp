@@ -248,6 +248,8 @@ TEST_F(NoxRun, UsageAndCacheErrorsHaveTheirOwnCodes)
     EXPECT_EQ(run({NOX_RUN, "--cache"}).code, 2);
     EXPECT_EQ(run({NOX_RUN, "--cache", path("cache")}).code, 2);
     EXPECT_EQ(run({NOX_RUN, "--help"}).code, 0);
+    for (const char *rate : {"0", "-1", "nan", "inf", "1e50", "2x", ""})
+        EXPECT_EQ(run({NOX_RUN, "--cache", path("cache"), "--rate", rate, "wavsrc"}).code, 2);
     write_file(path("stale"), "wavsrc@/no/such/library.so\n");
     EXPECT_EQ(run({NOX_RUN, "--cache", path("stale"), "wavsrc"}).code, 3);
 }
@@ -263,6 +265,15 @@ TEST_F(NoxRun, ATimeLimitEndsTheStreamLikeASignal)
         EXPECT_EQ(result.err, "");
         expect_whole("limit.wav");
     }
+}
+
+TEST_F(NoxRun, ASinkOnTheClockFollowsItsRate)
+{
+    const Result result =
+        run({NOX_RUN, "--cache", path("cache"), "--rate", "100", "--time-limit", "20",
+             with_paths("wavsrc location=@in.wav loop=200 ! levelsink sync=true")});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.err, "nox-run: NOX_MSG_EOS from levelsink: EOS.\n") << "100 s, in 1 s";
 }
 
 // Graphviz is a script here, which shows what it is given.
