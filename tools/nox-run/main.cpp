@@ -40,9 +40,9 @@ struct Settings {
     std::vector<std::string> words;
     int verbosity = 0;
     bool quiet = false;
-    uint32_t time_limit = 0; // seconds
-    float rate = 0;          // of the clock; 0: as it is
-    std::string graph;       // file for the picture; empty: none
+    uint32_t time_limit = 0;         // seconds
+    float rate = 0;                  // of the clock; 0: as it is
+    std::vector<std::string> graphs; // files for the picture
 };
 
 std::string joined(const std::vector<std::string> &words)
@@ -99,8 +99,8 @@ int play(Console &console, Signals &signals, const std::vector<ElementText> &tex
     const std::vector<GraphElement> elements = create_elements(pipe.get(), texts);
     link_elements(elements);
     // Before anything acts: a graph that hangs from here on has its picture.
-    if (!settings.graph.empty())
-        write_picture(pipe.get(), texts, settings.graph, console, signals);
+    for (const std::string &path : settings.graphs)
+        write_picture(pipe.get(), texts, path, console, signals);
 
     Player player(console, signals, mailbox, pipe.get(), elements,
                   std::chrono::seconds(settings.time_limit));
@@ -126,7 +126,7 @@ int run_notation(Console &console, Signals &signals, const Settings &settings)
     const std::string text = joined(settings.words);
     try {
         const std::vector<ElementText> elements = parse_notation(text);
-        if (!settings.graph.empty())
+        if (!settings.graphs.empty())
             check_picture_names(elements);
         if (nox_init(settings.cache.c_str()) != 0) {
             console.error("cannot read the plugin cache " + settings.cache);
@@ -220,9 +220,10 @@ int run_command_line(int argc, char **argv)
                    "Let the clock run so many times as fast as time passes")
         ->type_name("RATE")
         ->check(check_rate);
-    app.add_option("--graph", settings.graph,
+    app.add_option("--graph", settings.graphs,
                    "Before playing, write the graph to a .dot, or draw it as .svg or .png")
         ->type_name("FILE")
+        ->allow_extra_args(false) // what follows FILE is the notation
         ->check(check_picture_path);
     app.add_option("notation", settings.words, "The graph, in one word or several")->required();
     try {
