@@ -20,7 +20,7 @@ TEST(NoxScan, PluginsAreListedSortedUnderTheirAbsolutePaths)
     const Result result = run({NOX_SCAN, PLUGIN_FOLDER, "-o", cache});
     EXPECT_EQ(result.code, 0) << result.err;
     std::string expected;
-    for (const char *name : {"levelsink", "tee", "volume", "wavsink", "wavsrc"})
+    for (const char *name : {"levelsink", "reblock", "tee", "volume", "wavsink", "wavsrc"})
         expected += std::string(name) + "@" + PLUGIN_FOLDER + "/nox" + name + ".so\n";
     EXPECT_EQ(read_file(cache), expected);
 }
