@@ -7,11 +7,12 @@ include(CMakePackageConfigHelpers)
 set(NOX_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/noxcore)
 set(NOX_INSTALL_PLUGINDIR ${CMAKE_INSTALL_LIBDIR}/nox)
 
-install(TARGETS nox_core nox_osa nox_host EXPORT noxcoreTargets)
+install(TARGETS nox_core nox_osa nox_osasim nox_host EXPORT noxcoreTargets)
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nox FILES_MATCHING PATTERN "*.h")
 install(FILES plugins/plugin_messages.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nox)
 install(FILES osa/osa.h osa/osa_ext.h osa/host.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nox/osa)
+install(FILES osa/sim/osasim.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nox/osa/sim)
 
 # CMake
 install(EXPORT noxcoreTargets NAMESPACE nox:: DESTINATION ${NOX_INSTALL_CMAKEDIR})

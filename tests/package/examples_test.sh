@@ -45,6 +45,8 @@ for example in plugin-c:C="$CC" plugin-cpp:CXX="$CXX" host:C="$CC"; do
     build_by_readme "${example%%:*}"
 done
 
+"$work/cmake/plugin-cpp/tone_test" >"$work/log" || { cat "$work/log"; fail "the test of tone"; }
+
 # A WAV file of 16-bit samples at 8000 Hz, from CHANNELS and the bytes of the samples.
 le32() { printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24)); }
 write_wav() {
