@@ -153,9 +153,7 @@ int32_t plugin_cache_load(const char *cache_path)
 
 void plugin_cache_discard()
 {
-    while (void *entry = take_head(g_noxplgcache))
-        OSA_Free(entry, 0);
-    OSA_ListDestroy(g_noxplgcache);
+    destroy_list_of(g_noxplgcache, FreeBlock{});
     g_noxplgcache = nullptr;
 }
 

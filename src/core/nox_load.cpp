@@ -86,8 +86,8 @@ NOXPlugin *nox_load_plugin(const char *plugin_name, const char *instance_name)
         return nullptr;
     }
     desc.init(plugin.get());
-    // Only now: an init function that drops its own object must not unload the
-    // library whose code is running.
+    // Only now: the init function has the whole record to itself and may write any
+    // field of it.
     plugin->object.library = library.release();
     nox::store_relaxed(plugin->state, int32_t{NOX_STATE_NULL});
     return plugin.release();

@@ -17,8 +17,9 @@ constexpr char kSource[] = "noxstructure";
 // By type code; 0 marks the types whose value is a reference.
 constexpr uint8_t kTypeSizes[] = {1, 2, 2, 4, 4, 8, 8, 1, 0, 0, 0, 4};
 
-void free_entry(NOXStructureNode *entry)
+void free_entry(void *data)
 {
+    auto *entry = static_cast<NOXStructureNode *>(data);
     if (entry->type == NOX_TYPE_STRING)
         std::free(entry->value.string_value);
     OSA_Free(entry, 0);
@@ -33,6 +34,16 @@ int32_t finalize_structure(void *object)
     OSA_ListDestroy(structure->vars);
     return 0;
 }
+// The node of the entry with this name, or null.
+OSA_ListNode *find_variable(NOXStructure *structure, const char *name)
+{
+    for (OSA_ListNode *node = nox::head_of(structure->vars);
+         node != nullptr && node->data != nullptr; node = node->next)
+        if (std::strcmp(static_cast<NOXStructureNode *>(node->data)->name, name) == 0)
+            return node;
+    return nullptr;
+}
+
 
 } // namespace
 
@@ -88,20 +99,19 @@ NOXStructureNode *nox_structure_new_node(NOXStructure *structure)
 
 NOXStructureNode *nox_sturcture_search_node(NOXStructure *structure, const char *name)
 {
-    for (NOXStructureNode *entry : nox::items<NOXStructureNode>(structure->vars))
-        if (std::strcmp(entry->name, name) == 0)
-            return entry;
-    return nullptr;
+    OSA_ListNode *node = find_variable(structure, name);
+    return node != nullptr ? static_cast<NOXStructureNode *>(node->data) : nullptr;
 }
 
 int32_t nox_structure_del_var(NOXStructure *structure, const char *name)
 {
-    NOXStructureNode *entry = nox_sturcture_search_node(structure, name);
-    if (entry == nullptr) {
+    OSA_ListNode *node = find_variable(structure, name);
+    if (node == nullptr) {
         NOX_TRACE(OSA_TRACE_ERROR, "can not find name(%s)\n", name);
         return -1;
     }
-    nox::remove_node(structure->vars, nox::find_node(structure->vars, entry));
-    free_entry(entry);
+    OSA_ListDel(structure->vars, node);
+    free_entry(node->data);
+    OSA_List_Node_delete(node);
     return 0;
 }

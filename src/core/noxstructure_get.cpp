@@ -8,8 +8,6 @@ namespace
 
 constexpr char kSource[] = "noxstructure";
 
-using Value = decltype(NOXStructureNode::value);
-
 // The entry of that name and type; a name with another type counts as missing.
 const NOXStructureNode *find(NOXStructure *structure, const char *name, int32_t type,
                              int32_t miss_level)

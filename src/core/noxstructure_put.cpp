@@ -17,36 +17,40 @@ constexpr char kOtherTypeThanFloat[] = "already exist name(%s) but type is diffr
 
 using Value = decltype(NOXStructureNode::value);
 
-bool name_fits(const char *name)
+bool name_fits(const NOXStructure *structure, const char *name, const char *function)
 {
     const size_t length = strnlen(name, NOX_STRUCTURE_NAME_SIZE);
     if (length < NOX_STRUCTURE_NAME_SIZE)
         return true;
-    NOX_TRACE(OSA_TRACE_ERROR, "name longer than (%d) characters\n", NOX_STRUCTURE_NAME_SIZE - 1);
+    NOX_TRACE_FOR(function, OSA_TRACE_ERROR,
+                  "structure(%s) name(%.32s...) longer than (%d) characters\n",
+                  nox::name_of(structure), name, NOX_STRUCTURE_NAME_SIZE - 1);
     return false;
 }
 
 // Whether `name` may hold a value of this type; its entry, if any, in `entry`.
-bool accepts(NOXStructure *structure, const char *name, int32_t type, NOXStructureNode *&entry)
+bool accepts(NOXStructure *structure, const char *name, int32_t type, NOXStructureNode *&entry,
+             const char *function = __builtin_FUNCTION())
 {
     entry = nullptr;
-    if (!name_fits(name))
+    if (!name_fits(structure, name, function))
         return false;
     entry = nox_sturcture_search_node(structure, name);
     if (entry == nullptr || entry->type == type)
         return true;
     if (type == NOX_TYPE_FLOAT)
-        NOX_TRACE(OSA_TRACE_ERROR, kOtherTypeThanFloat, name, entry->type);
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, kOtherTypeThanFloat, name, entry->type);
     else
-        NOX_TRACE(OSA_TRACE_ERROR, kOtherType, name, entry->type);
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, kOtherType, name, entry->type);
     return false;
 }
 
-NOXStructureNode *new_entry(NOXStructure *structure, const char *name, int32_t type)
+NOXStructureNode *new_entry(NOXStructure *structure, const char *name, int32_t type,
+                            const char *function = __builtin_FUNCTION())
 {
     NOXStructureNode *entry = nox_structure_new_node(structure);
     if (entry == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "structure node craete failed\n");
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "structure node craete failed\n");
         return nullptr;
     }
     entry->type = type;
@@ -56,18 +60,20 @@ NOXStructureNode *new_entry(NOXStructure *structure, const char *name, int32_t t
 }
 
 // The entry to write a value of this type to, existing or new; null when refused.
-NOXStructureNode *entry_for(NOXStructure *structure, const char *name, int32_t type)
+NOXStructureNode *entry_for(NOXStructure *structure, const char *name, int32_t type,
+                            const char *function = __builtin_FUNCTION())
 {
     NOXStructureNode *entry;
-    if (!accepts(structure, name, type, entry))
+    if (!accepts(structure, name, type, entry, function))
         return nullptr;
-    return entry != nullptr ? entry : new_entry(structure, name, type);
+    return entry != nullptr ? entry : new_entry(structure, name, type, function);
 }
 
 template <int32_t type, auto member>
-int32_t put_fixed(NOXStructure *structure, const char *name, const void *value)
+int32_t put_fixed(NOXStructure *structure, const char *name, const void *value,
+                  const char *function = __builtin_FUNCTION())
 {
-    NOXStructureNode *entry = entry_for(structure, name, type);
+    NOXStructureNode *entry = entry_for(structure, name, type, function);
     if (entry == nullptr)
         return -1;
     std::memcpy(&(entry->value.*member), value, sizeof(entry->value.*member));
@@ -172,8 +178,11 @@ int32_t nox_structure_putvar_float(NOXStructure *structure, const char *name, ui
     if (!accepts(structure, name, NOX_TYPE_FLOAT, entry))
         return -1;
     const bool overwrites = entry != nullptr;
-    if (put_fixed<NOX_TYPE_FLOAT, &Value::float_value>(structure, name, value) != 0)
+    if (!overwrites)
+        entry = new_entry(structure, name, NOX_TYPE_FLOAT);
+    if (entry == nullptr)
         return -1;
+    std::memcpy(&entry->value.float_value, value, sizeof(entry->value.float_value));
     if (overwrites)
         NOX_TRACE(OSA_TRACE_INFO, "already exist name(%s) value is overwriten (%f)\n", name,
                   static_cast<double>(entry->value.float_value));

@@ -92,6 +92,19 @@ inline void *take_head(OSA_List *list)
     return data;
 }
 
+// Removes every node, with its data by `release` before it, and the list itself.
+template <typename Release>
+void destroy_list_of(OSA_List *list, Release release)
+{
+    while (OSA_ListNode *node = OSA_ListGetHead(list)) {
+        OSA_ListDel(list, node);
+        if (node->data != nullptr)
+            release(node->data);
+        OSA_List_Node_delete(node);
+    }
+    OSA_ListDestroy(list);
+}
+
 // Removes all nodes, not their data, and the list itself.
 inline void destroy_list(OSA_List *list)
 {

@@ -150,7 +150,9 @@ TEST_F(Structure, NamesFitKeepTheirOrderAndCanChangeTypeOnceDeleted)
     for (const std::string &name : {longest, std::string("b"), std::string("B"), std::string("a")})
         EXPECT_EQ(0, nox_structure_putvar_int32(structure, name.c_str(), 0, &value));
     EXPECT_EQ(-1, nox_structure_putvar_int32(structure, too_long.c_str(), 0, &value));
-    EXPECT_EQ(1u, SIM_TraceCount("name longer than", 1));
+    EXPECT_EQ(1u, traced("noxstructure", 1,
+                         "structure(format) name(" + std::string(32, 'n') +
+                             "...) longer than (255) characters"));
     EXPECT_EQ(-1, nox_structure_getvar_int32(structure, too_long.c_str(), &value));
     EXPECT_EQ(-1, nox_structure_del_var(structure, "c"));
     EXPECT_EQ(1u, traced("noxstructure", 1, "can not find name(c)"));
