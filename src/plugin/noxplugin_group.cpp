@@ -19,6 +19,12 @@ nox::Block<Member> new_member(NOXPlugin *plugin)
     return member;
 }
 
+// A node without a member record counts as a member that never attends.
+bool attends(const Member *member)
+{
+    return member != nullptr && nox::load_acquire(member->attend) > 0;
+}
+
 } // namespace
 
 NOXPluginGroup *nox_plugin_group_new(void)
@@ -30,9 +36,7 @@ int32_t nox_plugin_group_delete(NOXPluginGroup *group)
 {
     if (group == nullptr)
         return 0;
-    while (void *member = nox::take_head(group))
-        OSA_Free(member, 0);
-    OSA_ListDestroy(group);
+    nox::destroy_list_of(group, nox::FreeBlock{});
     return 0;
 }
 
@@ -66,8 +70,9 @@ int32_t nox_plugin_group_attend(NOXPluginGroup *group, NOXPlugin *plugin, int32_
 {
     if (group == nullptr)
         return -1;
-    for (Member *member : nox::items<Member>(group)) {
-        if (member->plugin == plugin) {
+    for (OSA_ListNode *node = nox::head_of(group); node != nullptr; node = node->next) {
+        auto *member = static_cast<Member *>(node->data);
+        if (member != nullptr && member->plugin == plugin) {
             nox::store_release(member->attend, value);
             return 0;
         }
@@ -96,8 +101,8 @@ uint8_t nox_plugin_group_is_all_attended(NOXPluginGroup *group)
 {
     if (group == nullptr)
         return 0;
-    for (Member *member : nox::items<Member>(group))
-        if (nox::load_acquire(member->attend) <= 0)
+    for (const OSA_ListNode *node = nox::head_of(group); node != nullptr; node = node->next)
+        if (!attends(static_cast<const Member *>(node->data)))
             return 0;
     return 1;
 }

@@ -343,4 +343,11 @@ TEST(PluginGroups, AllAttendOnlyWhileEveryMemberDoes)
     EXPECT_EQ(0, nox_plugin_group_is_all_attended(nullptr));
     EXPECT_EQ(0, nox_plugin_group_delete(group));
     EXPECT_EQ(0, nox_plugin_group_delete(nullptr));
+
+    NOXPluginGroup *with_gap = nox_plugin_group_new();
+    OSA_ListAddTail(with_gap, OSA_List_Node_new());
+    EXPECT_EQ(0, nox_plugin_group_add(with_gap, stranger));
+    EXPECT_EQ(0, nox_plugin_group_attend(with_gap, stranger, 1));
+    EXPECT_EQ(0, nox_plugin_group_is_all_attended(with_gap)) << "the empty node does not";
+    EXPECT_EQ(0, nox_plugin_group_delete(with_gap));
 }
