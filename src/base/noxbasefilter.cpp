@@ -16,11 +16,12 @@ NOXBaseFilter *filter_of(NOXPlugin *plugin)
     return reinterpret_cast<NOXBaseFilter *>(plugin);
 }
 
-int32_t fail_when_not_zero(const NOXBaseFilter *filter, int32_t result)
+int32_t fail_when_not_zero(const NOXBaseFilter *filter, int32_t result,
+                           const char *function = __builtin_FUNCTION())
 {
     if (result == 0)
         return 0;
-    NOX_TRACE_OBJECT(filter, OSA_TRACE_ERROR, "plugin start failed\n");
+    NOX_TRACE_OBJECT_FOR(function, filter, OSA_TRACE_ERROR, "plugin start failed\n");
     return -1;
 }
 

@@ -11,6 +11,7 @@ namespace
 {
 
 constexpr char kSource[] = "noxbasesink";
+constexpr char kSetFormat[] = "nox_basesink_setformat"; // whose options these are
 
 NOXBaseSink *sink_of(NOXPlugin *plugin)
 {
@@ -41,10 +42,11 @@ void read_options(NOXBaseSink *sink, NOXStructure *format)
 
 void trace_options(const NOXBaseSink *sink)
 {
-    NOX_TRACE_OBJECT(sink, OSA_TRACE_NOTICE, "sync (%d)\n", sink->sync);
-    NOX_TRACE_OBJECT(sink, OSA_TRACE_NOTICE, "clock (%d)\n", sink->clock);
-    NOX_TRACE_OBJECT(sink, OSA_TRACE_NOTICE, "throughput (%d)\n", sink->verbose);
-    NOX_TRACE_OBJECT(sink, OSA_TRACE_NOTICE, "report (%d)\n", nox::load_relaxed(sink->report));
+    NOX_TRACE_OBJECT_FOR(kSetFormat, sink, OSA_TRACE_NOTICE, "sync (%d)\n", sink->sync);
+    NOX_TRACE_OBJECT_FOR(kSetFormat, sink, OSA_TRACE_NOTICE, "clock (%d)\n", sink->clock);
+    NOX_TRACE_OBJECT_FOR(kSetFormat, sink, OSA_TRACE_NOTICE, "throughput (%d)\n", sink->verbose);
+    NOX_TRACE_OBJECT_FOR(kSetFormat, sink, OSA_TRACE_NOTICE, "report (%d)\n",
+                         nox::load_relaxed(sink->report));
 }
 
 // Of two sinks that reach end of stream at once on two threads, at least one must

@@ -51,19 +51,20 @@ int32_t start_thread(NOXBaseSrc *source)
     source->plugin.hasthread_ = source->thread != nullptr;
     if (source->thread != nullptr)
         return 0;
-    NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "base src thread create failed\n");
+    NOX_TRACE_OBJECT_FOR("nox_basesrc_start", source, OSA_TRACE_ERROR,
+                         "base src thread create failed\n");
     return -1;
 }
 
 // Waits for the thread, waking it first when it is parked. On the thread itself,
 // which cannot wait for its own end, the handle is kept for a later stop.
-void join_thread(NOXBaseSrc *source)
+void join_thread(NOXBaseSrc *source, const char *function = __builtin_FUNCTION())
 {
     if (source->thread == nullptr)
         return;
     if (nox::is_thread_of(source)) {
-        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "src(%s) stopped on its own thread\n",
-                         nox::name_of(source));
+        NOX_TRACE_OBJECT_FOR(function, source, OSA_TRACE_ERROR,
+                             "src(%s) stopped on its own thread\n", nox::name_of(source));
         return;
     }
     wake_when_parked(source);
@@ -79,9 +80,10 @@ int32_t make_pause_event(NOXBaseSrc *source)
     if (source->pauseevent == nullptr)
         source->pauseevent = OSA_EventCreate(0);
     if (source->pauseevent == nullptr) {
-        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "pause event create failed\n");
+        NOX_TRACE_OBJECT_FOR("nox_basesrc_start", source, OSA_TRACE_ERROR,
+                             "pause event create failed\n");
         nox::store_ordered(source->plugin.started, uint8_t{0});
-        join_thread(source);
+        join_thread(source, "nox_basesrc_start");
         return -1;
     }
     nox::store_ordered(source->pausewait, uint8_t{0});
@@ -91,15 +93,16 @@ int32_t make_pause_event(NOXBaseSrc *source)
 int32_t prepare_start(NOXBaseSrc *source)
 {
     if (source->usethread && source->create_func == nullptr) {
-        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "must be declaration create function\n");
+        NOX_TRACE_OBJECT_FOR("nox_basesrc_start", source, OSA_TRACE_ERROR,
+                             "must be declaration create function\n");
         return -1;
     }
     if (source->start_func != nullptr && source->start_func(source) != 0) {
-        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "plugin start failed\n");
+        NOX_TRACE_OBJECT_FOR("nox_basesrc_start", source, OSA_TRACE_ERROR, "plugin start failed\n");
         return -1;
     }
     if (!nox_plugin_islink(&source->plugin)) {
-        NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "not linked\n");
+        NOX_TRACE_OBJECT_FOR("nox_basesrc_start", source, OSA_TRACE_ERROR, "not linked\n");
         return -1;
     }
     return 0;

@@ -50,7 +50,8 @@ Step SourceThread::handle_failure()
 
 Step SourceThread::retry()
 {
-    NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "capture failed! (runtime), just keep going...\n");
+    NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR,
+                         "capture failed! (runtime), just keep going...\n");
     if (m_failures > load_relaxed(m_source->errcount))
         post(NOX_MSG_CAPTURE_ERROR, kCaptureFailed);
     return Step::kNextPass;
@@ -58,8 +59,8 @@ Step SourceThread::retry()
 
 Step SourceThread::quit_after_failures()
 {
-    NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "capture failed! (runtime) QUIT (%d > 3)...\n",
-                     m_failures);
+    NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR,
+                         "capture failed! (runtime) QUIT (%d > 3)...\n", m_failures);
     post(NOX_MSG_CAPTURE_ERROR, kCaptureFailed);
     if (m_failures <= load_relaxed(m_source->errcount))
         return pause_after_failure();
@@ -69,7 +70,8 @@ Step SourceThread::quit_after_failures()
 
 void SourceThread::restart()
 {
-    NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "capture failed! (runtime) RESTART...\n");
+    NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR,
+                         "capture failed! (runtime) RESTART...\n");
     post(NOX_MSG_CAPTURE_ERROR, kCaptureFailed);
     call_under_pipe_lock(m_source->stop_func, "stop");
     NOXPluginGroup *group = nox_plugin_group_get(m_plugin);
@@ -86,10 +88,10 @@ void SourceThread::restart()
 void SourceThread::call_under_pipe_lock(NOXBaseSrcFunc function, const char *what)
 {
     ObjectLock lock(nox_plugin_get_parent(m_plugin));
-    NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "[%s] %s ++\n", name_of(m_source), what);
+    NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR, "[%s] %s ++\n", name_of(m_source), what);
     if (function != nullptr)
         function(m_source);
-    NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "[%s] %s --\n", name_of(m_source), what);
+    NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR, "[%s] %s --\n", name_of(m_source), what);
 }
 
 void SourceThread::wait_for_group(NOXPluginGroup *group)
@@ -101,7 +103,8 @@ void SourceThread::wait_for_group(NOXPluginGroup *group)
         OSA_ThreadSleep(kGroupPollMs);
     }
     if (!nox_plugin_group_is_all_attended(group))
-        NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "other source has no problem, keep going..\n");
+        NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR,
+                             "other source has no problem, keep going..\n");
 }
 
 void SourceThread::ask_group_to_restart(NOXPluginGroup *group)

@@ -9,6 +9,7 @@ namespace
 {
 
 constexpr char kSource[] = "noxbasesrc";
+constexpr char kSetFormat[] = "nox_basesrc_setformat"; // whose options these are
 
 const char *policy_name(int32_t errhandle)
 {
@@ -52,15 +53,18 @@ void read_options(NOXBaseSrc *source, NOXStructure *format)
 
 void trace_options(const NOXBaseSrc *source)
 {
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "priority  (%d)\n", source->priority);
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "maxframes (%d)\n", source->maxframes);
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "islive    (%d)\n", source->islive);
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "asyncstart(%d)\n",
-                     nox::load_relaxed(source->waitallsrc) ? 0 : 1);
-    NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "privatets (%d)\n", source->privatets);
+    NOX_TRACE_OBJECT_FOR(kSetFormat, source, OSA_TRACE_NOTICE, "priority  (%d)\n",
+                         source->priority);
+    NOX_TRACE_OBJECT_FOR(kSetFormat, source, OSA_TRACE_NOTICE, "maxframes (%d)\n",
+                         source->maxframes);
+    NOX_TRACE_OBJECT_FOR(kSetFormat, source, OSA_TRACE_NOTICE, "islive    (%d)\n", source->islive);
+    NOX_TRACE_OBJECT_FOR(kSetFormat, source, OSA_TRACE_NOTICE, "asyncstart(%d)\n",
+                         nox::load_relaxed(source->waitallsrc) ? 0 : 1);
+    NOX_TRACE_OBJECT_FOR(kSetFormat, source, OSA_TRACE_NOTICE, "privatets (%d)\n",
+                         source->privatets);
     if (source->islive)
-        NOX_TRACE_OBJECT(source, OSA_TRACE_NOTICE, "on-error  (%d:%s)\n", source->errhandle,
-                         policy_name(source->errhandle));
+        NOX_TRACE_OBJECT_FOR(kSetFormat, source, OSA_TRACE_NOTICE, "on-error  (%d:%s)\n",
+                             source->errhandle, policy_name(source->errhandle));
 }
 
 } // namespace

@@ -73,11 +73,12 @@ Step SourceThread::wait_parked()
     int32_t state;
     do {
         if (OSA_EventWait(m_plugin->state_event, OSA_WAIT_FOREVER) != 0) {
-            NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "event wait failed..\n");
+            NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR, "event wait failed..\n");
             return Step::kNextPass;
         }
         state = load_acquire(m_plugin->state);
-        NOX_TRACE_OBJECT(m_source, OSA_TRACE_NOTICE, "received event(%d) in paused stat\n", state);
+        NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_NOTICE,
+                             "received event(%d) in paused stat\n", state);
     } while (state == NOX_STATE_PAUSE && is_started());
     return leave_pause(state);
 }
@@ -85,13 +86,14 @@ Step SourceThread::wait_parked()
 Step SourceThread::leave_pause(int32_t state)
 {
     if (state == NOX_STATE_NULL) {
-        NOX_TRACE_OBJECT(m_source, OSA_TRACE_NOTICE, "cur state is null. will be exit\n");
+        NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_NOTICE,
+                             "cur state is null. will be exit\n");
         return Step::kEnd;
     }
     if (is_live())
         m_source->lastts = 0; // no interval is measured across a pause
     if (!is_started()) {
-        NOX_TRACE_OBJECT(m_source, OSA_TRACE_NOTICE, "plg state is NULL\n");
+        NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_NOTICE, "plg state is NULL\n");
         return Step::kEnd;
     }
     return Step::kProduce;
@@ -139,14 +141,14 @@ void SourceThread::check_interval(NOXBuffer *buffer, uint64_t &timestamp)
 {
     const uint64_t last = m_source->lastts;
     if (timestamp < last) {
-        NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "Reversed timestamp prev(%llu) cur(%llu)\n",
-                         static_cast<unsigned long long>(last),
-                         static_cast<unsigned long long>(timestamp));
+        NOX_TRACE_OBJECT_FOR(
+            kLoop, m_source, OSA_TRACE_ERROR, "Reversed timestamp prev(%llu) cur(%llu)\n",
+            static_cast<unsigned long long>(last), static_cast<unsigned long long>(timestamp));
         timestamp = last + 1;
         nox_buffer_set_timestamp(buffer, timestamp);
     } else if (timestamp > kSettledClockMs && timestamp - last >= kLongIntervalMs) {
-        NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "Too long interval (%llu ms)\n",
-                         static_cast<unsigned long long>(timestamp - last));
+        NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR, "Too long interval (%llu ms)\n",
+                             static_cast<unsigned long long>(timestamp - last));
     }
 }
 
@@ -159,9 +161,9 @@ bool SourceThread::let_first_through(NOXBuffer *buffer)
         return false;
     store_relaxed(m_source->waitallsrc, uint8_t{0});
     post(NOX_MSG_STARTED, "Successfully started");
-    NOX_TRACE_OBJECT(m_source, OSA_TRACE_NOTICE, "[%s] DATA Started (my timestamp: %llu\n",
-                     name_of(m_source),
-                     static_cast<unsigned long long>(nox_buffer_get_timestamp(buffer)));
+    NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_NOTICE,
+                         "[%s] DATA Started (my timestamp: %llu\n", name_of(m_source),
+                         static_cast<unsigned long long>(nox_buffer_get_timestamp(buffer)));
     return true;
 }
 
@@ -181,8 +183,8 @@ Step SourceThread::push(NOXBuffer *buffer)
 
 Step SourceThread::refuse_push(int32_t result)
 {
-    NOX_TRACE_OBJECT(m_source, OSA_TRACE_ERROR, "cannot push to [%s] ret(%d)",
-                     name_of(m_plugin->next), result);
+    NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR, "cannot push to [%s] ret(%d)",
+                         name_of(m_plugin->next), result);
     if (is_live())
         post(NOX_MSG_PUSH_ERROR, "cannot push data");
     else

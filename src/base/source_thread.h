@@ -25,6 +25,8 @@ public:
     void run();
 
 private:
+    static constexpr char kLoop[] = "nox_basesrc_loop"; // what its traces name
+
     bool is_started() const
     {
         return load_acquire(m_plugin->started);

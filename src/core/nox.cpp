@@ -43,7 +43,7 @@ void register_pools()
         OSA_SMalloc_Register(pool.block_size, pool.name);
     for (const Pool &pool : kPools)
         if (!OSA_SMemIsReg(pool.block_size))
-            NOX_TRACE(OSA_TRACE_ERROR, "no pool (%s)\n", pool.name);
+            NOX_TRACE_FOR("nox_init", OSA_TRACE_ERROR, "no pool (%s)\n", pool.name);
 }
 
 } // namespace

@@ -64,29 +64,29 @@ const char *parse(const char *line, CacheLine &parsed)
 void fill(NOXPluginCacheEntry &entry, const CacheLine &line)
 {
     std::memcpy(entry.name, line.name, line.name_length);
-    NOX_TRACE(OSA_TRACE_VERBOSE, "plugin name(%s)\n", entry.name);
+    NOX_TRACE_FOR("nox_init", OSA_TRACE_VERBOSE, "plugin name(%s)\n", entry.name);
     std::memcpy(entry.path, line.path, std::strlen(line.path));
-    NOX_TRACE(OSA_TRACE_VERBOSE, "plugin path(%s)\n", entry.path);
+    NOX_TRACE_FOR("nox_init", OSA_TRACE_VERBOSE, "plugin path(%s)\n", entry.path);
 }
 
 int32_t append_entry(const CacheLine &line)
 {
     nox::ListNode node(OSA_List_Node_new());
     if (!node) {
-        NOX_TRACE(OSA_TRACE_ERROR, "list node create failed. size(%d)\n",
-                  static_cast<int>(sizeof(OSA_ListNode)));
+        NOX_TRACE_FOR("nox_init", OSA_TRACE_ERROR, "list node create failed. size(%d)\n",
+                      static_cast<int>(sizeof(OSA_ListNode)));
         return -1;
     }
     EntryBlock entry(static_cast<NOXPluginCacheEntry *>(NOX_MALLOC(sizeof(NOXPluginCacheEntry))));
     if (!entry) {
-        NOX_TRACE(OSA_TRACE_ERROR, "list node data create failed. size(%d)\n",
-                  static_cast<int>(sizeof(NOXPluginCacheEntry)));
+        NOX_TRACE_FOR("nox_init", OSA_TRACE_ERROR, "list node data create failed. size(%d)\n",
+                      static_cast<int>(sizeof(NOXPluginCacheEntry)));
         return -1;
     }
     fill(*entry, line);
     node->data = entry.get();
     if (OSA_ListAddTail(g_noxplgcache, node.get()) < 0) {
-        NOX_TRACE(OSA_TRACE_ERROR, "list add tail failed.\n");
+        NOX_TRACE_FOR("nox_init", OSA_TRACE_ERROR, "list add tail failed.\n");
         return -1;
     }
     node.release();  // the list's now
@@ -100,20 +100,20 @@ int32_t read_entries(OSA_File *file)
     int32_t line_number = 0;
     int32_t loaded = 0;
     while (OSA_FileReadLine(file, line, kLineSize) != nullptr) {
-        NOX_TRACE(OSA_TRACE_VERBOSE, "read line(%s)\n", line);
+        NOX_TRACE_FOR("nox_init", OSA_TRACE_VERBOSE, "read line(%s)\n", line);
         ++line_number;
         strip_line_end(line);
         CacheLine parsed;
         if (const char *fault = parse(line, parsed)) {
-            NOX_TRACE(OSA_TRACE_ERROR, "cache line %d skipped: %s (%s)\n", line_number, fault,
-                      line);
+            NOX_TRACE_FOR("nox_init", OSA_TRACE_ERROR, "cache line %d skipped: %s (%s)\n",
+                          line_number, fault, line);
             continue;
         }
         if (append_entry(parsed) != 0)
             return -1;
         ++loaded;
     }
-    NOX_TRACE(OSA_TRACE_INFO, "loaded plugin count(%d)\n", loaded);
+    NOX_TRACE_FOR("nox_init", OSA_TRACE_INFO, "loaded plugin count(%d)\n", loaded);
     return 0;
 }
 
@@ -121,10 +121,12 @@ int32_t read_cache_file(const char *cache_path)
 {
     OpenFile file(cache_path != nullptr ? OSA_FileOpen(cache_path, OSA_FILE_READ) : nullptr);
     if (!file) {
-        NOX_TRACE(OSA_TRACE_ERROR, "cache file open failed. (%s)\n", nox::text_or_null(cache_path));
+        NOX_TRACE_FOR("nox_init", OSA_TRACE_ERROR, "cache file open failed. (%s)\n",
+                      nox::text_or_null(cache_path));
         return -1;
     }
-    NOX_TRACE(OSA_TRACE_VERBOSE, "plugin cache file opened(%x)\n", nox::low32(file.get()));
+    NOX_TRACE_FOR("nox_init", OSA_TRACE_VERBOSE, "plugin cache file opened(%x)\n",
+                  nox::low32(file.get()));
     return read_entries(file.get());
 }
 
@@ -142,7 +144,7 @@ int32_t plugin_cache_load(const char *cache_path)
 {
     g_noxplgcache = OSA_ListCreate();
     if (g_noxplgcache == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "plgcache list create failed\n");
+        NOX_TRACE_FOR("nox_init", OSA_TRACE_ERROR, "plgcache list create failed\n");
         return -1;
     }
     if (read_cache_file(cache_path) == 0)

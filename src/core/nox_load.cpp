@@ -13,30 +13,34 @@ namespace
 constexpr char kSource[] = "nox";
 constexpr char kDescFunction[] = "plugin_desc";
 
-void trace_descriptor(const NOXPluginDesc &desc)
+void trace_descriptor(const NOXPluginDesc &desc, const char *function)
 {
-    NOX_TRACE(OSA_TRACE_INFO, "plugin name (%s)\n", nox::text_or_null(desc.name));
-    NOX_TRACE(OSA_TRACE_INFO, "plugin author (%s)\n", nox::text_or_null(desc.author));
-    NOX_TRACE(OSA_TRACE_INFO, "plugin size (%d)\n", desc.size);
-    NOX_TRACE(OSA_TRACE_INFO, "plugin init function (0x%08x)\n", nox::low32(desc.init));
+    NOX_TRACE_FOR(function, OSA_TRACE_INFO, "plugin name (%s)\n", nox::text_or_null(desc.name));
+    NOX_TRACE_FOR(function, OSA_TRACE_INFO, "plugin author (%s)\n", nox::text_or_null(desc.author));
+    NOX_TRACE_FOR(function, OSA_TRACE_INFO, "plugin size (%d)\n", desc.size);
+    NOX_TRACE_FOR(function, OSA_TRACE_INFO, "plugin init function (0x%08x)\n",
+                  nox::low32(desc.init));
 }
 
 // The library, loaded, with its descriptor in `desc`; null when there is none.
-nox::LoadedLibrary load_described(const char *path, NOXPluginDesc &desc)
+nox::LoadedLibrary load_described(const char *path, NOXPluginDesc &desc,
+                                  const char *function = __builtin_FUNCTION())
 {
     nox::LoadedLibrary library(path != nullptr ? OSA_LibraryLoad(path) : nullptr);
     if (!library) {
-        NOX_TRACE(OSA_TRACE_ERROR, "can not load library (%s)\n", nox::text_or_null(path));
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "can not load library (%s)\n",
+                      nox::text_or_null(path));
         return nullptr;
     }
     auto describe =
         reinterpret_cast<NOXPluginDescFunc>(OSA_LibraryGetFunc(library.get(), kDescFunction));
     if (describe == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "can not load function (%s) from (%s)\n", kDescFunction, path);
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "can not load function (%s) from (%s)\n",
+                      kDescFunction, path);
         return nullptr;
     }
     describe(&desc);
-    trace_descriptor(desc);
+    trace_descriptor(desc, function);
     return library;
 }
 
@@ -44,13 +48,14 @@ nox::LoadedLibrary load_described(const char *path, NOXPluginDesc &desc)
 bool is_usable(const NOXPluginDesc &desc, const char *path)
 {
     if (desc.size < static_cast<int32_t>(sizeof(NOXPlugin))) {
-        NOX_TRACE(OSA_TRACE_ERROR, "record size (%d) below (%d) in (%s)\n", desc.size,
-                  static_cast<int>(sizeof(NOXPlugin)), path);
-        NOX_TRACE(OSA_TRACE_ERROR, "can not create object size (%d)\n", desc.size);
+        NOX_TRACE_FOR("nox_load_plugin", OSA_TRACE_ERROR, "record size (%d) below (%d) in (%s)\n",
+                      desc.size, static_cast<int>(sizeof(NOXPlugin)), path);
+        NOX_TRACE_FOR("nox_load_plugin", OSA_TRACE_ERROR, "can not create object size (%d)\n",
+                      desc.size);
         return false;
     }
     if (desc.init == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "no init function in (%s)\n", path);
+        NOX_TRACE_FOR("nox_load_plugin", OSA_TRACE_ERROR, "no init function in (%s)\n", path);
         return false;
     }
     return true;

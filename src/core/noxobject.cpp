@@ -79,8 +79,9 @@ void release_record(NOXObject *object)
 void destroy(NOXObject *object)
 {
     if (object->finalize != nullptr && object->finalize(object) != 0)
-        NOX_TRACE_OBJECT(object, OSA_TRACE_ERROR, "object(%x) name(%s) finalize error\n",
-                         nox::low32(object), nox::name_of(object));
+        NOX_TRACE_OBJECT_FOR("nox_object_delete", object, OSA_TRACE_ERROR,
+                             "object(%x) name(%s) finalize error\n", nox::low32(object),
+                             nox::name_of(object));
     if (object->mutex != nullptr)
         OSA_MutexDestroy(object->mutex);
     // Only after the finalizer, whose code may live in this library.
@@ -89,11 +90,12 @@ void destroy(NOXObject *object)
     release_record(object);
 }
 
-bool check_lockable(NOXObject *object)
+bool check_lockable(NOXObject *object, const char *function = __builtin_FUNCTION())
 {
     if (object->mutex != nullptr)
         return true;
-    NOX_TRACE_OBJECT(object, OSA_TRACE_ERROR, "%s invalid mutex handle\n", nox::name_of(object));
+    NOX_TRACE_OBJECT_FOR(function, object, OSA_TRACE_ERROR, "%s invalid mutex handle\n",
+                         nox::name_of(object));
     return false;
 }
 

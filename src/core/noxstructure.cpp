@@ -28,12 +28,12 @@ void free_entry(void *data)
 int32_t finalize_structure(void *object)
 {
     auto *structure = static_cast<NOXStructure *>(object);
-    NOX_TRACE(OSA_TRACE_VERBOSE, "Enter. structure(%x)\n", nox::low32(structure));
-    while (void *entry = nox::take_head(structure->vars))
-        free_entry(static_cast<NOXStructureNode *>(entry));
-    OSA_ListDestroy(structure->vars);
+    NOX_TRACE_FOR("nox_object_delete", OSA_TRACE_VERBOSE, "Enter. structure(%x)\n",
+                  nox::low32(structure));
+    nox::destroy_list_of(structure->vars, free_entry);
     return 0;
 }
+
 // The node of the entry with this name, or null.
 OSA_ListNode *find_variable(NOXStructure *structure, const char *name)
 {
@@ -43,7 +43,6 @@ OSA_ListNode *find_variable(NOXStructure *structure, const char *name)
             return node;
     return nullptr;
 }
-
 
 } // namespace
 

@@ -10,12 +10,12 @@ constexpr char kSource[] = "noxstructure";
 
 // The entry of that name and type; a name with another type counts as missing.
 const NOXStructureNode *find(NOXStructure *structure, const char *name, int32_t type,
-                             int32_t miss_level)
+                             int32_t miss_level, const char *function = __builtin_FUNCTION())
 {
     const NOXStructureNode *entry = nox_sturcture_search_node(structure, name);
     if (entry != nullptr && entry->type == type)
         return entry;
-    NOX_TRACE(miss_level, "can not find name(%s)\n", name);
+    NOX_TRACE_FOR(function, miss_level, "can not find name(%s)\n", name);
     return nullptr;
 }
 

@@ -99,7 +99,8 @@ void OwnLoop::lose_record(OSA_Thread *thread)
     t_loop->m_record = nullptr;
     t_loop->m_departed = departed;
     if (departed == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "no memory. thread(%x) is never joined\n", low32(thread));
+        NOX_TRACE_FOR("nox_object_delete", OSA_TRACE_ERROR,
+                      "no memory. thread(%x) is never joined\n", low32(thread));
         return;
     }
     departed->thread = thread;

@@ -12,7 +12,8 @@ constexpr char kSource[] = "noxallocator";
 int32_t finalize_allocator(void *object)
 {
     auto *allocator = static_cast<NOXAllocator *>(object);
-    NOX_TRACE(OSA_TRACE_VERBOSE, "Enter. alloc(%x)\n", nox::low32(allocator));
+    NOX_TRACE_FOR("nox_object_delete", OSA_TRACE_VERBOSE, "Enter. alloc(%x)\n",
+                  nox::low32(allocator));
     if (allocator->finalize_func != nullptr)
         allocator->finalize_func(allocator);
     return 0;

@@ -98,7 +98,8 @@ bool make_list(NOXBufAdpt *adapter)
 {
     adapter->buffers = OSA_ListCreate();
     if (adapter->buffers == nullptr)
-        NOX_TRACE_AS(nox::name_of(adapter), OSA_TRACE_ERROR, "can not create new list\n");
+        NOX_TRACE_OBJECT_FOR("nox_bufadpt_new", adapter, OSA_TRACE_ERROR,
+                             "can not create new list\n");
     return adapter->buffers != nullptr;
 }
 
@@ -112,8 +113,8 @@ bool make_stages(NOXBufAdpt *adapter, uint32_t size)
     }
     if (adapter->stage[0] != nullptr && adapter->stage[1] != nullptr)
         return true;
-    NOX_TRACE_OBJECT(adapter, OSA_TRACE_ERROR, "no memory for two staging areas of 2 x (%u)\n",
-                     size);
+    NOX_TRACE_OBJECT_FOR("nox_bufadpt_new", adapter, OSA_TRACE_ERROR,
+                         "no memory for two staging areas of 2 x (%u)\n", size);
     return false;
 }
 

@@ -13,13 +13,14 @@ constexpr char kSource[] = "noxmemory";
 int32_t finalize_memory(void *object)
 {
     auto *memory = static_cast<NOXMemory *>(object);
-    NOX_TRACE(OSA_TRACE_VERBOSE, "mem(%x) data(%x) size(%d)\n", nox::low32(memory),
-              nox::low32(memory->data), memory->datasize);
+    NOX_TRACE_FOR("nox_object_delete", OSA_TRACE_VERBOSE, "mem(%x) data(%x) size(%d)\n",
+                  nox::low32(memory), nox::low32(memory->data), memory->datasize);
     const int32_t result = memory->finalize_func != nullptr ? memory->finalize_func(memory) : 0;
     if (memory->allocsize == 0)
         return result;
     if (memory->data == nullptr)
-        NOX_TRACE(OSA_TRACE_ERROR, "critical memory error invalid data pointer\n");
+        NOX_TRACE_FOR("nox_object_delete", OSA_TRACE_ERROR,
+                      "critical memory error invalid data pointer\n");
     else
         OSA_Free(memory->data, 0);
     return result;

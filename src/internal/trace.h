@@ -5,6 +5,12 @@
 // and writes
 //     NOX_TRACE(OSA_TRACE_ERROR, "...\n", ...);           the module speaks
 //     NOX_TRACE_OBJECT(object, OSA_TRACE_ERROR, "...\n"); the object speaks
+// in an exported operation, whose name the line then carries. A helper writes
+//     NOX_TRACE_FOR("nox_...", OSA_TRACE_ERROR, "...\n", ...);
+//     NOX_TRACE_OBJECT_FOR("nox_...", object, OSA_TRACE_ERROR, "...\n");
+// with the operation it works for, so that a reader of the trace finds the name that
+// the application called. One that works for several operations takes the name as
+// its last parameter, `const char *function = __builtin_FUNCTION()`.
 #ifndef NOX_INTERNAL_TRACE_H
 #define NOX_INTERNAL_TRACE_H
 
@@ -68,7 +74,8 @@ inline const char *name_of(const void *object)
 #define NOX_TRACE(level, ...) NOX_TRACE_AS(kSource, level, __VA_ARGS__)
 #define NOX_TRACE_OBJECT(object, level, ...) NOX_TRACE_AS(nox::name_of(object), level, __VA_ARGS__)
 
-// For a check shared by several operations: under the name of the one called.
 #define NOX_TRACE_FOR(function, level, ...) NOX_TRACE_LINE(kSource, level, function, __VA_ARGS__)
+#define NOX_TRACE_OBJECT_FOR(function, object, level, ...)                                         \
+    NOX_TRACE_LINE(nox::name_of(object), level, function, __VA_ARGS__)
 
 #endif

@@ -21,7 +21,8 @@ public:
         if (m_records == nullptr)
             return;
         while (void *record = nox::take_head(m_records)) {
-            NOX_TRACE(OSA_TRACE_ERROR, "pipeline interation list has node.. critical error.\n");
+            NOX_TRACE_FOR("pipe_iterate_set_state", OSA_TRACE_ERROR,
+                          "pipeline interation list has node.. critical error.\n");
             OSA_Free(record, 0);
         }
         OSA_ListDestroy(m_records);
@@ -33,8 +34,8 @@ public:
         nox::Block<Record> record(static_cast<Record *>(NOX_MALLOC(sizeof(Record))));
         nox::ListNode node(record ? OSA_List_Node_new_data(record.get()) : nullptr);
         if (m_records == nullptr || !node || OSA_ListAddHead(m_records, node.get()) < 0) {
-            NOX_TRACE(OSA_TRACE_ERROR, "no memory for the branches of (%s)\n",
-                      nox::name_of(plugin));
+            NOX_TRACE_FOR("pipe_iterate_set_state", OSA_TRACE_ERROR,
+                          "no memory for the branches of (%s)\n", nox::name_of(plugin));
             return false;
         }
         *record = {plugin, static_cast<int32_t>(branches), 1, OSA_ListGetHead(plugin->nextlist)};
@@ -51,9 +52,9 @@ public:
         if (top == nullptr)
             return nullptr;
         auto *record = static_cast<Record *>(top->data);
-        NOX_TRACE(OSA_TRACE_INFO, "current(%p:%s) totalbch(%d) curbch(%d)\n",
-                  nox::address(record->plugin), nox::name_of(record->plugin), record->totalbch,
-                  record->curbch);
+        NOX_TRACE_FOR("pipe_iterate_set_state", OSA_TRACE_INFO,
+                      "current(%p:%s) totalbch(%d) curbch(%d)\n", nox::address(record->plugin),
+                      nox::name_of(record->plugin), record->totalbch, record->curbch);
         NOXPlugin *branch = nullptr;
         if (record->cursor != nullptr) {
             branch = static_cast<NOXPlugin *>(record->cursor->data);

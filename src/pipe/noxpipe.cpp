@@ -17,7 +17,7 @@ bool make_bus(NOXPipe *pipe)
     NOXBus *bus = nox_bus_new("bus");
     pipe->plugin.bus = bus;
     if (bus == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "can not create new bus\n");
+        NOX_TRACE_FOR("nox_pipe_new", OSA_TRACE_ERROR, "can not create new bus\n");
         return false;
     }
     pipe->busref = static_cast<NOXBus *>(nox_object_refer(bus));
@@ -29,7 +29,7 @@ bool make_clock(NOXPipe *pipe)
 {
     pipe->clock = nox_timer_new("default");
     if (pipe->clock == nullptr)
-        NOX_TRACE(OSA_TRACE_ERROR, "can not create new timer\n");
+        NOX_TRACE_FOR("nox_pipe_new", OSA_TRACE_ERROR, "can not create new timer\n");
     return pipe->clock != nullptr;
 }
 
@@ -37,7 +37,7 @@ bool make_member_list(NOXPipe *pipe)
 {
     pipe->plugins = OSA_ListCreate();
     if (pipe->plugins == nullptr)
-        NOX_TRACE(OSA_TRACE_ERROR, "list create failed\n");
+        NOX_TRACE_FOR("nox_pipe_new", OSA_TRACE_ERROR, "list create failed\n");
     return pipe->plugins != nullptr;
 }
 
@@ -84,7 +84,7 @@ bool stop_members(NOXPipe *pipe)
 {
     bool all_ended = true;
     for (NOXPlugin *member : members(pipe)) {
-        all_ended &= nox::end_own_thread(member);
+        all_ended &= nox::end_own_thread(member, "nox_pipe_finalize");
         if (member->issrc)
             stop_started(member);
     }
@@ -112,7 +112,8 @@ void release_members(NOXPipe *pipe)
 {
     while (OSA_ListNode *node = OSA_ListGetHead(pipe->plugins)) {
         auto *member = static_cast<NOXPlugin *>(node->data);
-        NOX_TRACE(OSA_TRACE_INFO, "deleting object (%s)\n", nox::name_of(member));
+        NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_INFO, "deleting object (%s)\n",
+                      nox::name_of(member));
         nox_plugin_reset(member);
         nox_object_delete(member);
         nox::remove_node(pipe->plugins, node);

@@ -39,12 +39,14 @@ void change_state(const NOXPipeMsg *message)
 {
     const int32_t state = message->state;
     if (state == NOX_STATE_NULL || state == NOX_STATE_PAUSE)
-        NOX_TRACE(OSA_TRACE_INFO, "async state change started.\n");
+        NOX_TRACE_FOR("nox_pipe_loop", OSA_TRACE_INFO, "async state change started.\n");
     else
-        NOX_TRACE(OSA_TRACE_INFO, "not support state(%d) in async change yet\n", state);
+        NOX_TRACE_FOR("nox_pipe_loop", OSA_TRACE_INFO,
+                      "not support state(%d) in async change yet\n", state);
     const int32_t result = nox_pipe_set_state(message->pipe, state);
-    NOX_TRACE(OSA_TRACE_INFO, "async state change done state(%d) ret(%d) cb(%p)\n", state, result,
-              reinterpret_cast<void *>(message->callback));
+    NOX_TRACE_FOR("nox_pipe_loop", OSA_TRACE_INFO,
+                  "async state change done state(%d) ret(%d) cb(%p)\n", state, result,
+                  reinterpret_cast<void *>(message->callback));
     if (message->callback != nullptr)
         message->callback(message->pipe, state, result);
 }
@@ -53,12 +55,13 @@ void change_state(const NOXPipeMsg *message)
 bool handle(const NOXPipeMsg *message, uint32_t size)
 {
     if (size != sizeof(NOXPipeMsg)) {
-        NOX_TRACE(OSA_TRACE_ERROR, "unknown msg. msg size diffrence. Pipemsg(%d) msg(%d)\n",
-                  static_cast<int>(sizeof(NOXPipeMsg)), size);
+        NOX_TRACE_FOR("nox_pipe_loop", OSA_TRACE_ERROR,
+                      "unknown msg. msg size diffrence. Pipemsg(%d) msg(%d)\n",
+                      static_cast<int>(sizeof(NOXPipeMsg)), size);
         return false;
     }
     if (message->kind == NOX_PIPE_MSG_EXIT) {
-        NOX_TRACE(OSA_TRACE_INFO, "pipe loog exit.\n");
+        NOX_TRACE_FOR("nox_pipe_loop", OSA_TRACE_INFO, "pipe loog exit.\n");
         return false;
     }
     change_state(message);
@@ -100,13 +103,13 @@ bool start_control_thread(NOXPipe *pipe)
 {
     pipe->msgq = OSA_QueueCreate(pipe->plugin.object.name, 0);
     if (pipe->msgq == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "OSA_QueueCreate failed. out of memory\n");
+        NOX_TRACE_FOR("nox_pipe_new", OSA_TRACE_ERROR, "OSA_QueueCreate failed. out of memory\n");
         return false;
     }
     pipe->running = 1;
     pipe->thread = OSA_ThreadCreate("pipe", 0, kStackSize, nox_pipe_loop, pipe);
     if (pipe->thread == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "pipe thread create failed\n");
+        NOX_TRACE_FOR("nox_pipe_new", OSA_TRACE_ERROR, "pipe thread create failed\n");
         OSA_QueueDestroy(pipe->msgq);
         return false;
     }

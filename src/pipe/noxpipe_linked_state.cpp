@@ -10,11 +10,13 @@ namespace
 void set_chain_member(NOXPlugin *plugin, int32_t state)
 {
     const int32_t current = nox_plugin_get_state(plugin);
-    NOX_TRACE(OSA_TRACE_NOTICE, "nox_plugin_setstate cur(%d:%s) -> set(%d:%s) (%s)\n", current,
-              nox_plugin_state_str(current), state, nox_plugin_state_str(state),
-              nox::name_of(plugin));
+    NOX_TRACE_FOR("pipe_iterate_linked_plugin_set_state", OSA_TRACE_NOTICE,
+                  "nox_plugin_setstate cur(%d:%s) -> set(%d:%s) (%s)\n", current,
+                  nox_plugin_state_str(current), state, nox_plugin_state_str(state),
+                  nox::name_of(plugin));
     if (nox_plugin_setstate(plugin, state) != 0)
-        NOX_TRACE(OSA_TRACE_ERROR, "nox_plugin_setstate failed (%s)\n", nox::name_of(plugin));
+        NOX_TRACE_FOR("pipe_iterate_linked_plugin_set_state", OSA_TRACE_ERROR,
+                      "nox_plugin_setstate failed (%s)\n", nox::name_of(plugin));
 }
 
 void trace_member(const char *which, const OSA_ListNode *node)

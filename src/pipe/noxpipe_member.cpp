@@ -16,17 +16,17 @@ bool check_plugin(const NOXPlugin *plugin, const char *function = __builtin_FUNC
     return false;
 }
 
-int32_t add_member(NOXPipe *pipe, NOXPlugin *plugin)
+int32_t add_member(NOXPipe *pipe, NOXPlugin *plugin, const char *function = __builtin_FUNCTION())
 {
     nox::ListNode node(OSA_List_Node_new());
     if (!node) {
-        NOX_TRACE(OSA_TRACE_ERROR, "node create failed\n");
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "node create failed\n");
         return -1;
     }
     node->data = plugin;
     const int32_t result = OSA_ListAddTail(pipe->plugins, node.get());
     if (result < 0) {
-        NOX_TRACE(OSA_TRACE_ERROR, "node add failed\n");
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "node add failed\n");
         return -1;
     }
     node.release(); // the list's now, and with it the caller's reference to the plugin

@@ -139,7 +139,7 @@ bool change_plugins(NOXPipe *pipe, int32_t current, int32_t state)
 
 void enter_play(NOXPipe *pipe)
 {
-    NOX_TRACE(OSA_TRACE_VERBOSE, "state to PLAY\n");
+    NOX_TRACE_FOR("nox_pipe_set_state", OSA_TRACE_VERBOSE, "state to PLAY\n");
     nox_timer_start(pipe->clock);
     nox::store_relaxed(pipe->basereftime, nox_timer_gettime(pipe->clock));
     nox::store_release(pipe->plugin.started, uint8_t{1});
@@ -150,10 +150,10 @@ void follow_with_clock(NOXPipe *pipe, int32_t state)
     if (state == NOX_STATE_PLAY) {
         enter_play(pipe);
     } else if (state == NOX_STATE_PAUSE) {
-        NOX_TRACE(OSA_TRACE_VERBOSE, "state to PAUSE\n");
+        NOX_TRACE_FOR("nox_pipe_set_state", OSA_TRACE_VERBOSE, "state to PAUSE\n");
         nox::stop_clock(pipe);
     } else if (state == NOX_STATE_NULL) {
-        NOX_TRACE(OSA_TRACE_VERBOSE, "state to NULL\n");
+        NOX_TRACE_FOR("nox_pipe_set_state", OSA_TRACE_VERBOSE, "state to NULL\n");
         nox::stop_clock(pipe);
         nox::store_release(pipe->plugin.started, uint8_t{0});
     }

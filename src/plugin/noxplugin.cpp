@@ -34,15 +34,15 @@ int32_t finalize_derived(NOXPlugin *plugin)
 {
     if (plugin->finalize_func != nullptr)
         return plugin->finalize_func(plugin);
-    NOX_TRACE(OSA_TRACE_INFO, "plugin name(%s) finalize function is not implement\n",
-              nox::name_of(plugin));
+    NOX_TRACE_FOR("nox_plugin_finalize", OSA_TRACE_INFO,
+                  "plugin name(%s) finalize function is not implement\n", nox::name_of(plugin));
     return 0;
 }
 
 void release_allocator(NOXPlugin *plugin)
 {
-    NOX_TRACE(OSA_TRACE_INFO, "plugin(%s) has allocator (%x)\n", nox::name_of(plugin),
-              nox::low32(plugin->allocator));
+    NOX_TRACE_FOR("nox_plugin_finalize", OSA_TRACE_INFO, "plugin(%s) has allocator (%x)\n",
+                  nox::name_of(plugin), nox::low32(plugin->allocator));
     nox_object_delete(plugin->allocator);
     plugin->allocator = nullptr;
 }

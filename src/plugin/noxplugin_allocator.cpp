@@ -32,12 +32,12 @@ void choose(NOXPlugin *plugin, NOXAllocator *allocator, const char *function = _
                   nox::address(allocator), nox::address(plugin));
 }
 
-bool append_blocks(NOXBuffer *buffer, const NOXBufferRequest *request)
+bool append_blocks(NOXBuffer *buffer, const NOXBufferRequest *request, const char *function)
 {
     for (uint32_t i = 0; i < request->count; ++i) {
         NOXMemory *memory = nox_memory_new(request->sizes[i]);
         if (memory == nullptr) {
-            NOX_TRACE(OSA_TRACE_ERROR, "new mem is NULL..\n");
+            NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "new mem is NULL..\n");
             return false;
         }
         nox_buffer_append_memory(buffer, memory); // takes over our reference
@@ -45,27 +45,28 @@ bool append_blocks(NOXBuffer *buffer, const NOXBufferRequest *request)
     return true;
 }
 
-NOXBuffer *new_heap_buffer(const NOXBufferRequest *request)
+NOXBuffer *new_heap_buffer(const NOXBufferRequest *request, const char *function)
 {
     if (request->count > NOX_BUFFER_MEMORIES) {
-        NOX_TRACE(OSA_TRACE_ERROR, "request for %u blocks; a buffer holds %d\n", request->count,
-                  NOX_BUFFER_MEMORIES);
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "request for %u blocks; a buffer holds %d\n",
+                      request->count, NOX_BUFFER_MEMORIES);
         return nullptr;
     }
     BufferReference buffer(nox_buffer_new(0));
     if (!buffer) {
-        NOX_TRACE(OSA_TRACE_ERROR, "new buffer is NULL..\n");
+        NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "new buffer is NULL..\n");
         return nullptr;
     }
-    return append_blocks(buffer.get(), request) ? buffer.release() : nullptr;
+    return append_blocks(buffer.get(), request, function) ? buffer.release() : nullptr;
 }
 
-NOXBuffer *make_buffer(NOXPlugin *plugin, NOXBufferRequest *request)
+NOXBuffer *make_buffer(NOXPlugin *plugin, NOXBufferRequest *request,
+                       const char *function = __builtin_FUNCTION())
 {
     NOXBuffer *buffer = nullptr;
     if (plugin->outallocator != nullptr)
         buffer = nox_allocator_alloc(plugin->outallocator, request);
-    return buffer != nullptr ? buffer : new_heap_buffer(request);
+    return buffer != nullptr ? buffer : new_heap_buffer(request, function);
 }
 
 } // namespace

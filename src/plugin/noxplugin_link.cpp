@@ -26,14 +26,14 @@ int32_t add_to_branch_list(NOXPlugin *plugin, NOXPlugin *next)
     if (plugin->nextlist == nullptr)
         plugin->nextlist = OSA_ListCreate();
     if (plugin->nextlist == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "create next list. out of memory\n");
+        NOX_TRACE_FOR("nox_plugin_link", OSA_TRACE_ERROR, "create next list. out of memory\n");
         return -1;
     }
     nox::ListNode node(OSA_List_Node_new());
     if (node)
         node->data = next;
     if (!node || OSA_ListAddTail(plugin->nextlist, node.get()) < 0) {
-        NOX_TRACE(OSA_TRACE_ERROR, "can not create newnode\n");
+        NOX_TRACE_FOR("nox_plugin_link", OSA_TRACE_ERROR, "can not create newnode\n");
         return -1;
     }
     node.release(); // the list's now

@@ -19,19 +19,21 @@ bool check_linked(const NOXPlugin *plugin, const char *function = __builtin_FUNC
     return false;
 }
 
-int32_t refuse_without_chain(const NOXPlugin *plugin)
+int32_t refuse_without_chain(const NOXPlugin *plugin, const char *function)
 {
-    NOX_TRACE(OSA_TRACE_ERROR, "plg(%x:%s) has no chain function\n", nox::low32(plugin),
-              nox::name_of(plugin));
+    NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "plg(%x:%s) has no chain function\n",
+                  nox::low32(plugin), nox::name_of(plugin));
     return -1;
 }
 
 // `busy` is what nox_plugin_stop looks at. Released when cleared, so that the
-// stopping thread sees what the chain function did.
-inline int32_t hand_buffer(NOXPlugin *plugin, NOXBuffer *buffer)
+// stopping thread sees what the chain function did. Always inline, so that a name
+// that only a refusal needs costs nothing on the good road.
+[[gnu::always_inline]] inline int32_t hand_buffer(NOXPlugin *plugin, NOXBuffer *buffer,
+                                                  const char *function = __builtin_FUNCTION())
 {
     if (plugin->chain_func == nullptr)
-        return refuse_without_chain(plugin);
+        return refuse_without_chain(plugin, function);
     nox::store_relaxed(plugin->busy, uint8_t{1});
     const int32_t result = plugin->chain_func(plugin, buffer);
     nox::store_release(plugin->busy, uint8_t{0});
@@ -69,7 +71,7 @@ int32_t trace_branch_failure(const NOXBuffer *buffer, const NOXPlugin *branch, i
         if (branch == nullptr)
             trace_no_plugin(plugin, "nox_plugin_push_buffer");
         else
-            result = hand_buffer(branch, buffer);
+            result = hand_buffer(branch, buffer, "nox_plugin_push_buffer");
         if (result != 0)
             return trace_branch_failure(buffer, branch, result);
     }
@@ -102,7 +104,8 @@ int32_t push_event_to_branch(NOXPlugin *branch, NOXEvent *event)
 {
     int32_t result = 0;
     if (branch->event_func == nullptr)
-        NOX_TRACE(OSA_TRACE_ERROR, "%s has no 'event_func'\n", nox::name_of(branch));
+        NOX_TRACE_FOR("nox_plugin_push_event", OSA_TRACE_ERROR, "%s has no 'event_func'\n",
+                      nox::name_of(branch));
     else
         result = branch->event_func(branch, event);
     if (result == 0)

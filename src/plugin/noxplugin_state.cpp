@@ -54,11 +54,12 @@ int32_t enter_state(NOXPlugin *plugin, int32_t previous, int32_t state, int32_t 
 namespace nox
 {
 
-bool end_own_thread(NOXPlugin *plugin)
+bool end_own_thread(NOXPlugin *plugin, const char *function)
 {
     if (!plugin->hasthread_)
         return true;
-    NOX_TRACE(OSA_TRACE_ERROR, "plugin(%s) is released while its thread runs\n", name_of(plugin));
+    NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "plugin(%s) is released while its thread runs\n",
+                  name_of(plugin));
     nox_plugin_stop(plugin);
     return !plugin->hasthread_;
 }

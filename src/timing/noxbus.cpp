@@ -87,14 +87,15 @@ void call_handler(NOXBus *bus, const char *name, int32_t code, const char *text)
 // False when the thread is to end.
 bool handle(NOXBus *bus, const NOXBusMsg *message, uint32_t size)
 {
-    NOX_TRACE(OSA_TRACE_VERBOSE, "get message(%x) name(%s)code(%x)size(%d)\n", nox::low32(message),
-              text_or_null(message->name), static_cast<uint32_t>(message->code), size);
+    NOX_TRACE_FOR("nox_bus_loop", OSA_TRACE_VERBOSE, "get message(%x) name(%s)code(%x)size(%d)\n",
+                  nox::low32(message), text_or_null(message->name),
+                  static_cast<uint32_t>(message->code), size);
     if (size != sizeof(NOXBusMsg)) {
         call_handler(bus, "bus", NOX_MSG_BUS_CRITICAL, "message bus critical error");
         return false;
     }
     if (message->code == NOX_MSG_BUS_EXIT) {
-        NOX_TRACE(OSA_TRACE_VERBOSE, "get bus exit message\n");
+        NOX_TRACE_FOR("nox_bus_loop", OSA_TRACE_VERBOSE, "get bus exit message\n");
         return false;
     }
     call_handler(bus, message->name, message->code, message->text);
@@ -137,13 +138,13 @@ bool make_parts(NOXBus *bus, const char *name)
 {
     bus->queue = OSA_QueueCreate(name, 0);
     if (bus->queue == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "bus msg queue create failed\n");
+        NOX_TRACE_FOR("nox_bus_new", OSA_TRACE_ERROR, "bus msg queue create failed\n");
         return false;
     }
     bus->running = 1;
     bus->thread = OSA_ThreadCreate("bus", 0, kStackSize, nox_bus_loop, bus);
     if (bus->thread == nullptr) {
-        NOX_TRACE(OSA_TRACE_ERROR, "bus msg loop thread create failed\n");
+        NOX_TRACE_FOR("nox_bus_new", OSA_TRACE_ERROR, "bus msg loop thread create failed\n");
         OSA_QueueDestroy(bus->queue);
         return false;
     }

@@ -39,13 +39,14 @@ void count_pause(NOXTimer *timer)
         return;
     timer->stoptick = OSA_GetSystemTick() - timer->stoptick;
     timer->pauseoffset += timer->stoptick;
-    NOX_TRACE(OSA_TRACE_ERROR, "timeoffset (%llu)\n", printable(timer->pauseoffset));
+    NOX_TRACE_FOR("nox_timer_start", OSA_TRACE_ERROR, "timeoffset (%llu)\n",
+                  printable(timer->pauseoffset));
 }
 
-void trace_change(NOXTimer *timer)
+void trace_change(NOXTimer *timer, const char *function = __builtin_FUNCTION())
 {
     const uint64_t reading = nox_timer_gettime(timer);
-    NOX_TRACE(OSA_TRACE_NOTICE, "changed (%llu)\n", printable(reading));
+    NOX_TRACE_FOR(function, OSA_TRACE_NOTICE, "changed (%llu)\n", printable(reading));
 }
 
 } // namespace

@@ -171,6 +171,22 @@ void add_library(const char *path, NOXPluginDescFunc function)
     SIM_LibraryAdd(path, "plugin_desc", reinterpret_cast<void *>(function));
 }
 
+bool begins_with(const std::string &text, const char *start)
+{
+    return text.rfind(start, 0) == 0;
+}
+
+// The library's trace lines that do not name an exported operation.
+std::string misnamed_traces()
+{
+    std::string misnamed;
+    for (const SIM_TraceLine &line : SIM_Traces())
+        if (begins_with(line.source, "nox") && !begins_with(line.function, "nox_") &&
+            !begins_with(line.function, "pipe_"))
+            misnamed += "traced by " + line.function + ": " + line.text;
+    return misnamed;
+}
+
 } // namespace
 
 std::ostream &operator<<(std::ostream &out, const Posted &message)
@@ -202,7 +218,7 @@ std::string Stage::end()
 {
     nox_deinit();
     m_open = false;
-    return SIM_End();
+    return SIM_End() + misnamed_traces();
 }
 
 Script &script(const std::string &name)

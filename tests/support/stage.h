@@ -66,8 +66,8 @@ public:
     Stage(const Stage &) = delete;
     Stage &operator=(const Stage &) = delete;
 
-    // Shuts the library down and returns what is wrong with the run, nothing alive
-    // included; once.
+    // Shuts the library down and returns what is wrong with the run: what is still
+    // alive, misuses, and trace lines that do not name the operation called; once.
     std::string end();
 
 private:
