@@ -137,8 +137,8 @@ int32_t nox_basesink_finalize(NOXPlugin *plugin)
 int32_t nox_basesink_event(NOXPlugin *plugin, NOXEvent *event)
 {
     NOXBaseSink *sink = sink_of(plugin);
-    const int32_t type = event->type;
     const int32_t result = sink->event_func != nullptr ? sink->event_func(sink, event) : 0;
+    const int32_t type = event->type; // as the derived sink leaves it
     if (type == NOX_EVENT_EOS)
         end_stream(plugin);
     if (type == NOX_EVENT_STOPPING)

@@ -86,9 +86,9 @@ void account(NOXBaseSink *sink, NOXBuffer *buffer)
 
 // ---- the clock ----------------------------------------------------------------
 
-// The first reading of a clock that runs. A source that is stopped before the
-// clock ever started would wait here for ever, and its stop for it: such a wait
-// ends, with `waited` cleared.
+// The first reading of a clock that runs. A source that is stopped or paused while
+// the clock stands at 0 would wait here for ever, and its stop or pause for it: such
+// a wait ends, with `waited` cleared.
 uint64_t wait_until_running(NOXTimer *timer, bool &waited)
 {
     waited = true;
@@ -96,7 +96,7 @@ uint64_t wait_until_running(NOXTimer *timer, bool &waited)
         const uint64_t reading = nox_timer_gettime(timer);
         if (reading != 0 || nox_timer_wait(timer, kClockPollMs) == 0)
             return reading;
-        if (nox::pushing_source_is_stopped()) {
+        if (nox::pushing_source_is_called_back()) {
             waited = false;
             return reading;
         }

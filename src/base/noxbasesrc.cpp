@@ -4,16 +4,17 @@
 //
 // Pausing. The control side raises `pausewait` and waits on `pauseevent`; the
 // thread, at the top of its next pass, takes away what is latched in the plugin's
-// `state_event`, answers on `pauseevent`, and waits on `state_event` until the
-// plugin leaves PAUSE. Invariants:
+// `state_event`, looks again whether it is to park, answers on `pauseevent`, and
+// waits on `state_event` until the plugin leaves PAUSE. Invariants:
 //   1. when a pause returns, the thread is parked, or has ended;
 //   2. a wake-up left over from an earlier pause never ends a later one;
 //   3. a thread that ends stores `threadended_` before it looks at `pausewait`,
 //      and a pause raises `pausewait` before it looks at `threadended_`, so a
 //      pause never waits for a thread that is gone;
-//   4. a thread stores `parked_` before it looks at `state` and `started` once
-//      more, and who changes those looks at `parked_` afterwards, so a thread is
-//      never left parked by a stop or start that did not see it;
+//   4. a thread stores `parked_` and takes away what is latched before it looks at
+//      `state` and `started` once more, and who changes those looks at `parked_` or
+//      wakes it afterwards, so a thread is never left parked by a change that did
+//      not see it, or whose wake-up it took away;
 //   5. a thread that is parked already, because the plugin went from PAUSE to READY
 //      and back, is not asked to park: it would not answer. `held_`, the control
 //      side's own note, tells it from one that is parked but has been woken.

@@ -1,6 +1,8 @@
 // The base source, thread side: what a thread does when there was nothing to
 // capture, by the source's policy, and the restart that a group makes together.
 
+#include <cstdint>
+
 #include "base/source_thread.h"
 #include "internal/guard.h"
 #include "internal/trace.h"
@@ -33,7 +35,8 @@ Step SourceThread::handle_failure()
         end_stream();
         return errhandle() == NOX_ERRHANDLE_RETRY ? Step::kNextPass : pause_after_failure();
     }
-    ++m_failures;
+    if (m_failures < INT32_MAX) // a retry does not sleep, and may fail for days
+        ++m_failures;
     switch (errhandle()) {
     case NOX_ERRHANDLE_RESTART:
         restart();

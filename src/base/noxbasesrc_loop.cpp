@@ -48,24 +48,20 @@ Step SourceThread::park_while_paused()
 {
     if (!pause_is_asked_for())
         return Step::kProduce;
+    Step step = Step::kNextPass;
     store_ordered(m_source->parked_, uint8_t{1});
-    const Step step = must_park() && acknowledge_pause() ? wait_parked() : Step::kNextPass;
+    // Before what is latched goes: who waits for the answer sends nothing more.
+    const bool awaited = pause_is_awaited();
+    // What an earlier pause left latched must not end this one. It may belong to a
+    // change that has just been made, too: that shows in the second look.
+    OSA_EventWait(m_plugin->state_event, 0);
+    if (must_park() && pause_is_awaited() == awaited) {
+        if (awaited)
+            OSA_EventSend(m_source->pauseevent);
+        step = wait_parked();
+    }
     store_ordered(m_source->parked_, uint8_t{0});
     return step;
-}
-
-// False when the source was stopped meanwhile.
-bool SourceThread::acknowledge_pause()
-{
-    if (load_ordered(m_source->pausewait) != 1 || m_source->pauseevent == nullptr)
-        return true;
-    // What an earlier pause left latched must not end this one. It may be a stop's
-    // wake-up, too, whose reason then shows in `started`.
-    OSA_EventWait(m_plugin->state_event, 0);
-    if (!load_ordered(m_plugin->started))
-        return false;
-    OSA_EventSend(m_source->pauseevent);
-    return true;
 }
 
 Step SourceThread::wait_parked()
@@ -215,9 +211,10 @@ bool is_thread_of(const NOXBaseSrc *source)
     return t_own_source == source;
 }
 
-bool pushing_source_is_stopped()
+bool pushing_source_is_called_back()
 {
-    return t_own_source != nullptr && !load_acquire(t_own_source->plugin.started);
+    return t_own_source != nullptr && (!load_acquire(t_own_source->plugin.started) ||
+                                       load_acquire(t_own_source->pausewait) == 1);
 }
 
 } // namespace nox

@@ -50,8 +50,13 @@ private:
 
     bool pause_is_asked_for() const
     {
-        return load_ordered(m_plugin->state) == NOX_STATE_PAUSE ||
-               load_ordered(m_source->pausewait) == 1;
+        return load_ordered(m_plugin->state) == NOX_STATE_PAUSE || pause_is_awaited();
+    }
+
+    // Whether the control side waits until this thread is parked.
+    bool pause_is_awaited() const
+    {
+        return load_ordered(m_source->pausewait) == 1;
     }
 
     void post(int32_t code, const char *text)
@@ -60,7 +65,6 @@ private:
     }
 
     Step park_while_paused();
-    bool acknowledge_pause();
     Step wait_parked();
     Step leave_pause(int32_t state);
 

@@ -2,6 +2,7 @@
 // change of the pipe's own state.
 
 #include "internal/atomic_field.h"
+#include "internal/guard.h"
 #include "pipe/noxpipe_internal.h"
 
 namespace
@@ -23,6 +24,15 @@ void trace_member(const char *which, const OSA_ListNode *node)
 {
     NOX_TRACE_FOR("nox_pipe_stop", OSA_TRACE_ERROR, "%s node(%x) plg(%x) name(%s)\n", which,
                   nox::low32(node), nox::low32(node->data), nox::name_of(node->data));
+}
+
+// So that the clock reads in the range of the system tick. In one step: a sink that
+// waits for the clock must not read what it shows before.
+void start_clock(NOXTimer *clock)
+{
+    const nox::ObjectLock lock(clock);
+    nox_timer_start(clock);
+    nox_timer_settime(clock, OSA_GetSystemTick());
 }
 
 } // namespace
@@ -61,9 +71,7 @@ int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int3
 
 int32_t nox_pipe_start(NOXPipe *pipe)
 {
-    nox_timer_start(pipe->clock);
-    // So that the clock reads in the range of the system tick.
-    nox_timer_settime(pipe->clock, OSA_GetSystemTick());
+    start_clock(pipe->clock);
     int32_t result = 0;
     for (NOXPlugin *member : members(pipe)) {
         result = nox_plugin_start(member);

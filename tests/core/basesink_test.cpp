@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/stage.h"
+#include "tests/core/on_stage.h"
 
 namespace
 {
@@ -145,6 +145,32 @@ TEST_F(Sink, NeverSleepsForAWrappedDifferenceWhenTheClockJumps)
     }
 }
 
+TEST(SinkAndClock, ASinkThatWaitsWhileThePipeStartsSeesNoReadingFromBefore)
+{
+    constexpr uint64_t kTick = 1'000'000; // what the clock reads after nox_pipe_start
+    for (uint64_t seed = 1; seed <= 40; ++seed) {
+        Stage stage({.seed = seed, .first_tick = kTick});
+        NOXPipe *pipe = nox_pipe_new("display");
+        NOXPlugin *sink = new_sink("k");
+        nox_pipe_add_plugin(pipe, sink);
+        set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+        {
+            Worker pusher([sink] {
+                NOXBuffer *buffer = nox_buffer_new(0);
+                nox_buffer_set_timestamp(buffer, kTick + 50);
+                sink->chain_func(sink, buffer);
+                nox_object_delete(buffer);
+            });
+            OSA_ThreadSleep(20);
+            EXPECT_EQ(0, nox_pipe_start(pipe));
+        }
+        EXPECT_LE(SIM_Tick(), kTick + 50) << "seed " << seed;
+        nox_pipe_stop(pipe);
+        nox_object_delete(pipe);
+        EXPECT_EQ("", stage.end());
+    }
+}
+
 TEST_F(Sink, WaitsForTheClockToStart)
 {
     set_option(sink, NOX_TYPE_BOOL, "sync", 1);
@@ -162,6 +188,30 @@ TEST_F(Sink, WaitsForTheClockToStart)
     EXPECT_EQ(3200u, SIM_Tick() - before);
     EXPECT_EQ(0, base()->discont);
     OSA_ThreadDelete(starter, nullptr);
+}
+
+TEST(SinkAndSource, APauseReachesASourceWhoseSinkWaitsForAClockThatStandsAtZero)
+{
+    Stage stage;
+    NOXPipe *pipe = nox_pipe_new("player");
+    NOXPlugin *source = new_source("s");
+    NOXPlugin *sink = new_sink("k");
+    nox_pipe_add_plugin_many(pipe, source, sink, nullptr);
+    nox_plugin_link(source, sink);
+    set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+    nox_timer_set_rate(pipe->clock, 0);
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
+    OSA_ThreadSleep(200);
+    const uint32_t held = script("k").taken;
+    EXPECT_LE(held, 1u) << "but for one that the start of the clock lets through";
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PAUSE));
+    nox_timer_set_rate(pipe->clock, 1);
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
+    OSA_ThreadSleep(200);
+    EXPECT_GT(script("k").taken, held + 2);
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_NULL));
+    nox_object_delete(pipe);
+    EXPECT_EQ("", stage.end());
 }
 
 TEST(SinkAndSource, AStopReachesASourceWhoseSinkWaitsForAClockThatNeverStarts)
@@ -220,6 +270,19 @@ TEST_F(Sink, EventsAreRecordedWhateverTheDerivedSinkAnswers)
     EXPECT_EQ(1, nox_basesink_get_eos(sink));
     OSA_ThreadSleep(10);
     EXPECT_EQ(1u, inbox.count(NOX_MSG_EOS));
+}
+
+TEST_F(Sink, ADerivedSinkMaySwallowAnEventOrMakeAnother)
+{
+    base()->event_func = [](NOXBaseSink *, NOXEvent *event) -> int32_t {
+        event->type = event->type == NOX_EVENT_EOS ? 100 : NOX_EVENT_EOS;
+        return 0;
+    };
+    NOXEvent event{nullptr, NOX_EVENT_EOS};
+    EXPECT_EQ(0, nox_plugin_setevent(sink, &event));
+    EXPECT_EQ(0, nox_basesink_get_eos(sink));
+    EXPECT_EQ(0, nox_plugin_setevent(sink, &event));
+    EXPECT_EQ(1, nox_basesink_get_eos(sink));
 }
 
 TEST_F(Sink, CannotStartWithoutARenderFunctionAndIgnoresTheDerivedResults)

@@ -85,6 +85,10 @@ TEST(Pause, OfASourceThatIsNotLiveTakesEffectWithItsNextPass)
 {
     under_all_seeds(false, [](Player &player) {
         player.to(NOX_STATE_PLAY);
+        player.to(NOX_STATE_PAUSE);
+        OSA_ThreadSleep(10);
+        player.to(NOX_STATE_NULL);
+        player.to(NOX_STATE_PLAY);
         for (int round = 0; round < 3; ++round) {
             player.to(NOX_STATE_PAUSE);
             OSA_ThreadSleep(10);
@@ -92,6 +96,7 @@ TEST(Pause, OfASourceThatIsNotLiveTakesEffectWithItsNextPass)
             player.to(NOX_STATE_PLAY);
             EXPECT_GT(player.arriving(), 0u) << "round " << round;
         }
+        EXPECT_EQ(0u, SIM_TraceCount("received event(2)")) << "woken in a pause";
         // A short pause that the thread may not even notice leaves its wake-up behind,
         // which must not let anything through the next one but what was under way.
         player.to(NOX_STATE_PAUSE);
