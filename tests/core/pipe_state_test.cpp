@@ -160,7 +160,9 @@ TEST_F(Graph, AChainChangesAloneFromItsSourceDown)
     EXPECT_EQ(expected, take_log());
     EXPECT_EQ(NOX_STATE_NULL, nox_pipe_get_state(pipe));
     EXPECT_EQ(0, nox_pipe_linked_plugins_set_state(pipe, k2, NOX_STATE_NULL));
-    EXPECT_EQ(1u, SIM_TraceCount("warning state is same as current.state(0)\n", 1));
+    EXPECT_EQ(0, nox_pipe_linked_plugins_set_state(pipe, nullptr, NOX_STATE_NULL));
+    EXPECT_EQ(2u, SIM_TraceCount("warning state is same as current.state(0)\n", 1));
+    EXPECT_EQ(-1, nox_pipe_linked_plugins_set_state(pipe, nullptr, NOX_STATE_READY));
 }
 
 TEST_F(Graph, StartAndStopLeaveTheStatesAlone)
@@ -204,6 +206,26 @@ TEST_F(Graph, TheClockOfAPipeThatWasPausedBeforeItsFirstPlayBeginsAtZero)
     EXPECT_EQ(0u, pipe->basereftime);
     OSA_ThreadSleep(70);
     EXPECT_EQ(70u, nox_timer_gettime(pipe->clock));
+}
+
+TEST(PipeState, TheClockStopsThoughItWasStartedAtTickZero)
+{
+    Stage stage({.first_tick = 0});
+    NOXPipe *pipe = nox_pipe_new("player");
+    NOXPlugin *source = new_source("s");
+    NOXPlugin *sink = new_sink("k");
+    nox_pipe_add_plugin_many(pipe, source, sink, nullptr);
+    nox_plugin_link(source, sink);
+    set_option(source, NOX_TYPE_BOOL, "islive", 0); // so that the pause takes no time
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PAUSE));
+    EXPECT_EQ(0u, SIM_Tick());
+    EXPECT_EQ(0, pipe->clock->running);
+    OSA_ThreadSleep(500);
+    EXPECT_EQ(0u, nox_timer_gettime(pipe->clock));
+    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_NULL));
+    nox_object_delete(pipe);
+    EXPECT_EQ("", stage.end());
 }
 
 TEST_F(Graph, EndOfStreamIsPostedWhenTheLastSinkHasIt)

@@ -69,6 +69,29 @@ TEST(Pipe, RemovingALinkedChainLeavesItsLastPluginAlive)
     EXPECT_EQ("", stage.end());
 }
 
+TEST(Pipe, RemovingALinkedChainTouchesNoBranchThatIsGone)
+{
+    Stage stage;
+    NOXPipe *pipe = nox_pipe_new("player");
+    NOXPlugin *source = new_source("s");
+    NOXPlugin *tee = new_filter("t");
+    NOXPlugin *gone = new_sink("gone");
+    NOXPlugin *member = new_sink("member");
+    NOXPlugin *last = new_sink("last");
+    nox_pipe_add_plugin_many(pipe, source, tee, gone, member, last, nullptr);
+    nox_plugin_link_many(source, tee, last, nullptr);
+    nox_plugin_link(tee, gone);
+    nox_plugin_link(tee, member);
+    nox_pipe_del_plugin(pipe, gone);
+    nox_object_delete(gone); // its link stays: there is no undoing a single one
+    EXPECT_EQ(0, nox_pipe_del_linked_plugin(pipe, tee));
+    EXPECT_EQ(nullptr, member->prev);
+    EXPECT_EQ(nullptr, last->prev);
+    nox_object_delete(last);
+    nox_object_delete(pipe);
+    EXPECT_EQ("", stage.end());
+}
+
 TEST(Pipe, FindsMembersThatAreNotLinked)
 {
     Stage stage;
