@@ -12,15 +12,19 @@ NOXPlugin *all_ones()
     return reinterpret_cast<NOXPlugin *>(~uintptr_t{0});
 }
 
-// Deletes what it is given, in order.
+// Deletes what it is given, in order, after which the stage must end clean.
 class Objects
 {
 public:
+    explicit Objects(Stage &stage) : m_stage(stage) {}
     ~Objects()
     {
         for (void *object : m_objects)
             nox_object_delete(object);
+        EXPECT_EQ("", m_stage.end());
     }
+    Objects(const Objects &) = delete;
+    Objects &operator=(const Objects &) = delete;
     NOXPlugin *keep(NOXPlugin *plugin)
     {
         m_objects.push_back(plugin);
@@ -28,6 +32,7 @@ public:
     }
 
 private:
+    Stage &m_stage;
     std::vector<void *> m_objects;
 };
 
@@ -147,7 +152,7 @@ TEST(PluginSlots, AMissingSlotAndANullPluginAnswerAsDocumented)
 TEST(PluginLinks, BranchesKeepTheirOrderAndTheirPositions)
 {
     Stage stage;
-    Objects objects;
+    Objects objects(stage);
     NOXPlugin *a = objects.keep(new_source("a"));
     NOXPlugin *b = objects.keep(new_sink("b"));
     NOXPlugin *c = objects.keep(new_sink("c"));
@@ -185,7 +190,7 @@ TEST(PluginLinks, BranchesKeepTheirOrderAndTheirPositions)
 TEST(PluginLinks, LinkManyReplacesTheFirstBranchAndLeavesAHookItsOwnLink)
 {
     Stage stage;
-    Objects objects;
+    Objects objects(stage);
     NOXPlugin *a = objects.keep(new_source("a"));
     NOXPlugin *b = objects.keep(new_filter("b"));
     NOXPlugin *c = objects.keep(new_sink("c"));
@@ -207,7 +212,7 @@ TEST(PluginLinks, LinkManyReplacesTheFirstBranchAndLeavesAHookItsOwnLink)
 TEST(PluginLinks, QueriesTellSourcesSinksAndDeadEnds)
 {
     Stage stage;
-    Objects objects;
+    Objects objects(stage);
     NOXPlugin *source = objects.keep(new_source("s"));
     NOXPlugin *filter = objects.keep(new_filter("f"));
     NOXPlugin *sink = objects.keep(new_sink("k"));
@@ -261,7 +266,7 @@ void *maker_of_outbuffer(NOXPlugin *plugin, NOXBufferRequest request)
 TEST(OutputBuffers, ComeFromTheFirstDownstreamPluginThatAnswers)
 {
     Stage stage;
-    Objects objects;
+    Objects objects(stage);
     NOXPlugin *source = objects.keep(new_source("s"));
     NOXPlugin *filter = objects.keep(new_filter("f"));
     NOXPlugin *sink = objects.keep(new_sink("k"));
@@ -312,7 +317,7 @@ TEST(OutputBuffers, FromTheHeapHoldWhatWasAskedForAndNoMore)
 TEST(PluginGroups, AllAttendOnlyWhileEveryMemberDoes)
 {
     Stage stage;
-    Objects objects;
+    Objects objects(stage);
     NOXPluginGroup *group = nox_plugin_group_new();
     EXPECT_EQ(1, nox_plugin_group_is_all_attended(group)) << "an empty group";
     NOXPlugin *members[] = {objects.keep(new_source("a")), objects.keep(new_source("b")),
