@@ -9,6 +9,10 @@
 // byte rate of the format, or without a known one evenly over each input's duration. A
 // block's duration is the difference of two such times, so that durations add up
 // without drift.
+//
+// Threads: chain and a pushed end of stream come on the source's thread, formats,
+// states and the pipe's events on another. The object lock guards the state; it is not
+// held while a block is pushed, which takes as long as a sink likes.
 
 #include <algorithm>
 #include <cstring>
@@ -124,9 +128,8 @@ int32_t take_duration(NOXBaseFilter *filter)
     const uint64_t frames = std::max<uint64_t>(uint64_t{stream.rate} * own.duration / 1000, 1);
     if (frames > kLargestBlock / stream.frame_size())
         return report(filter, PLUGIN_MSG_OPTION,
-                      "option duration: %u ms exceed the %u bytes of a "
-                      "block",
-                      own.duration, kLargestBlock);
+                      "option duration: %u ms exceed the %u bytes of a block", own.duration,
+                      kLargestBlock);
     own.block = static_cast<uint32_t>(frames) * stream.frame_size();
     own.byte_rate = uint64_t{stream.rate} * stream.frame_size();
     return 0;
@@ -272,16 +275,16 @@ Buffer make_block(NOXBaseFilter *filter, const uint8_t *bytes, uint32_t count)
     return block;
 }
 
-// Hands on the first `count` bytes gathered.
-int32_t give_out(NOXBaseFilter *filter, uint32_t count)
+// The first bytes gathered as a block. Null, which is told, without memory.
+Buffer take_block(NOXBaseFilter *filter, uint32_t count)
 {
     State &own = Reblock::of(filter)->state;
     uint32_t available = 0;
     NOXBuffer *slice = nullptr;
     const uint8_t *bytes = nox_bufadpt_get_data(own.adapter.get(), &available, &slice);
-    const Buffer block = make_block(filter, bytes, count);
+    Buffer block = make_block(filter, bytes, count);
     if (block == nullptr)
-        return -1;
+        return nullptr;
     const Place place = next_place(own, slice);
     const uint64_t begin = time_in_stream(own, place);
     nox_buffer_copy_metadata(place.input, block.get());
@@ -290,50 +293,83 @@ int32_t give_out(NOXBaseFilter *filter, uint32_t count)
     const uint64_t end = next_time(own);
     nox_buffer_set_duration(block.get(), end / 1000 - begin / 1000);
     nox_buffer_set_durationUs(block.get(), end - begin);
-    return nox_plugin_push_buffer(&filter->plugin, block.get());
+    return block;
 }
 
-int32_t give_out_full_blocks(NOXBaseFilter *filter)
+// A full block or, when asked for, what there is. Null with `result` 0: there is none,
+// or the filter was stopped meanwhile.
+Buffer next_block(NOXBaseFilter *filter, bool also_part, int32_t &result)
 {
+    const PluginLock lock(filter);
     const State &own = Reblock::of(filter)->state;
-    while (own.adapter->avail >= own.block)
-        if (const int32_t result = give_out(filter, own.block); result != 0)
-            return result;
-    return 0;
+    const uint32_t gathered = own.adapter != nullptr ? own.adapter->avail : 0;
+    if (gathered == 0 || (gathered < own.block && !also_part))
+        return nullptr;
+    Buffer block = take_block(filter, std::min(gathered, own.block));
+    if (block == nullptr)
+        result = -1;
+    return block;
 }
 
-int32_t gather(NOXBaseFilter *filter, const Place &place, uint8_t *bytes, uint32_t count)
+int32_t give_out(NOXBaseFilter *filter, bool also_part)
 {
-    State &own = Reblock::of(filter)->state;
-    Buffer slice = make_slice(place, bytes, count);
-    if (slice == nullptr || nox_bufadpt_add(own.adapter.get(), slice.get()) != 0)
-        return report(filter, PLUGIN_MSG_MEMORY, "no memory for a slice of a buffer");
-    static_cast<void>(slice.release()); // the adapter's now
-    own.end_time = time_in_stream(own, {place.input, place.begin, place.offset + count});
-    return give_out_full_blocks(filter);
+    int32_t result = 0;
+    while (const Buffer block = next_block(filter, also_part, result)) {
+        result = nox_plugin_push_buffer(&filter->plugin, block.get());
+        if (result != 0)
+            break;
+    }
+    return result;
 }
 
-int32_t reblock_chain(NOXBaseFilter *filter, NOXBuffer *input)
+// Takes in as many of the bytes as there is room for; the rest waits until blocks have
+// been given out. Their number, or -1.
+int64_t gather(NOXBaseFilter *filter, const Place &place, uint8_t *bytes, uint32_t count)
 {
     const PluginLock lock(filter);
     State &own = Reblock::of(filter)->state;
     if (own.adapter == nullptr)
         return -1;
-    Place place = {input, own.begin, 0};
+    count = std::min(count, own.adapter->capacity - own.adapter->avail);
+    Buffer slice = make_slice(place, bytes, count);
+    if (slice == nullptr || nox_bufadpt_add(own.adapter.get(), slice.get()) != 0)
+        return report(filter, PLUGIN_MSG_MEMORY, "no memory for a slice of a buffer");
+    static_cast<void>(slice.release()); // the adapter's now
+    own.end_time = time_in_stream(own, {place.input, place.begin, place.offset + count});
+    return count;
+}
+
+uint64_t begin_of_next_input(NOXBaseFilter *filter)
+{
+    const PluginLock lock(filter);
+    return Reblock::of(filter)->state.begin;
+}
+
+void note_end_of_input(NOXBaseFilter *filter, const Place &end)
+{
+    const PluginLock lock(filter);
+    State &own = Reblock::of(filter)->state;
+    own.begin = own.byte_rate > 0 ? end.begin + end.offset : own.end_time;
+}
+
+int32_t reblock_chain(NOXBaseFilter *filter, NOXBuffer *input)
+{
+    Place place = {input, begin_of_next_input(filter), 0};
     const int32_t result = for_each_block(input, [&](NOXMemory *memory) -> int32_t {
         const uint32_t size = nox_memory_get_datasize(memory);
+        uint8_t *bytes = nox_memory_get_data(memory);
         for (uint32_t used = 0; used < size;) {
-            const uint32_t room = own.adapter->capacity - own.adapter->avail;
-            const uint32_t count = std::min(room, size - used);
-            const int32_t failed = gather(filter, place, nox_memory_get_data(memory) + used, count);
-            if (failed != 0)
+            const int64_t count = gather(filter, place, bytes + used, size - used);
+            if (count < 0)
+                return -1;
+            used += static_cast<uint32_t>(count);
+            place.offset += static_cast<uint32_t>(count);
+            if (const int32_t failed = give_out(filter, false); failed != 0)
                 return failed;
-            used += count;
-            place.offset += count;
         }
         return 0;
     });
-    own.begin = own.byte_rate > 0 ? place.begin + place.offset : own.end_time;
+    note_end_of_input(filter, place);
     return result;
 }
 
@@ -341,15 +377,13 @@ int32_t reblock_chain(NOXBaseFilter *filter, NOXBuffer *input)
 // cannot.
 int32_t reblock_event(NOXBaseFilter *filter, NOXEvent *event)
 {
-    const PluginLock lock(filter);
-    State &own = Reblock::of(filter)->state;
-    if (event->type != NOX_EVENT_EOS || own.adapter == nullptr)
+    if (event->type != NOX_EVENT_EOS)
         return 0;
-    const uint32_t rest = own.adapter->avail;
-    if (rest > 0 && give_out(filter, rest) != 0)
+    if (give_out(filter, true) != 0)
         nox_plugin_error_post(&filter->plugin, NOX_MSG_PUSH_ERROR, "cannot push the last block");
-    own.begin = 0;
-    own.end_time = 0;
+    const PluginLock lock(filter);
+    Reblock::of(filter)->state.begin = 0;
+    Reblock::of(filter)->state.end_time = 0;
     return 0;
 }
 
