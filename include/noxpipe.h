@@ -14,7 +14,10 @@
  *     nox_object_delete(pipe);
  *
  * A pipe is released with nox_object_delete, which ends its threads and releases its
- * members. Bring it to NULL first. In PLAY and PAUSE the release stops every source whose
+ * members. It waits for the bus handler and the callback in progress, which find the pipe
+ * whole; then no message is handed over any more, unless somebody else holds the bus.
+ * Who wants to hear all of them waits for the last one, or posts one of his own and waits
+ * for that. Bring the pipe to NULL first. In PLAY and PAUSE the release stops every source whose
  * thread has not been joined, which is told with its name at level 1, and then everything
  * else that is started; setstate_func is not called.
  *

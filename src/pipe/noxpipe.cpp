@@ -8,6 +8,7 @@
 #include "internal/guard.h"
 #include "pipe/noxpipe_internal.h"
 #include "plugin/own_thread.h"
+#include "timing/bus_thread.h"
 
 namespace
 {
@@ -70,6 +71,14 @@ void tell_where_deleted(const NOXPipe *pipe)
     if (nox::OwnLoop::is_of(pipe->busref))
         NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_ERROR,
                       "pipe(%s) deleted in its own bus handler\n", nox::name_of(pipe));
+}
+
+// The application's handler may use the pipe at any message, and must not find it half
+// gone. A bus that somebody else holds as well lives on, and so does its handler.
+void silence_handler(const NOXPipe *pipe)
+{
+    if (nox_object_get_refcount(pipe->busref) == 2) // the pipe's own
+        nox::end_deliveries(pipe->busref);
 }
 
 void stop_started(NOXPlugin *member)
@@ -149,6 +158,7 @@ int32_t nox_pipe_finalize(void *object)
 {
     auto *pipe = static_cast<NOXPipe *>(object);
     tell_where_deleted(pipe);
+    silence_handler(pipe);
     nox::stop_control_thread(pipe);
     if (stop_members(pipe))
         release_members(pipe);

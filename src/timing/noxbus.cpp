@@ -13,6 +13,7 @@
 #include "internal/atomic_field.h"
 #include "internal/guard.h"
 #include "internal/trace.h"
+#include "timing/bus_thread.h"
 
 namespace
 {
@@ -114,25 +115,6 @@ void deliver_messages(NOXBus *bus)
     }
 }
 
-void end_thread(NOXBus *bus)
-{
-    Message exit_message = new_message(NOX_MSG_BUS_EXIT);
-    NOX_TRACE_FOR("nox_bus_finalize", OSA_TRACE_INFO, "bus(%x)\n", nox::low32(bus));
-    if (nox::OwnLoop::is_of(bus)) {
-        NOX_TRACE_FOR("nox_bus_finalize", OSA_TRACE_ERROR, "bus(%x) deleted in its own handler\n",
-                      nox::low32(bus));
-        nox::OwnLoop::lose_record(bus->thread);
-        return;
-    }
-    nox::store_release(bus->running, uint8_t{0});
-    // Without the message the thread sees `running` when its wait ends.
-    if (!exit_message || !push(bus, std::move(exit_message)))
-        NOX_TRACE_FOR("nox_bus_finalize", OSA_TRACE_ERROR, "no exit message. bus(%x)\n",
-                      nox::low32(bus));
-    int32_t exit_value = 0;
-    OSA_ThreadDelete(bus->thread, &exit_value);
-}
-
 // All parts of the bus, or false; a part that was made is in its field.
 bool make_parts(NOXBus *bus, const char *name)
 {
@@ -152,6 +134,26 @@ bool make_parts(NOXBus *bus, const char *name)
 }
 
 } // namespace
+
+namespace nox
+{
+
+void end_deliveries(NOXBus *bus)
+{
+    if (bus->thread == nullptr || OwnLoop::is_of(bus))
+        return;
+    Message exit_message = new_message(NOX_MSG_BUS_EXIT);
+    store_release(bus->running, uint8_t{0});
+    // Without the message the thread sees `running` when its wait ends.
+    if (!exit_message || !push(bus, std::move(exit_message)))
+        NOX_TRACE_FOR("nox_bus_finalize", OSA_TRACE_ERROR, "no exit message. bus(%x)\n",
+                      low32(bus));
+    int32_t exit_value = 0;
+    OSA_ThreadDelete(bus->thread, &exit_value);
+    bus->thread = nullptr;
+}
+
+} // namespace nox
 
 NOXBus *nox_bus_new(const char *name)
 {
@@ -210,7 +212,12 @@ int32_t nox_bus_loop(void *argument)
 int32_t nox_bus_finalize(void *object)
 {
     auto *bus = static_cast<NOXBus *>(object);
-    end_thread(bus);
+    NOX_TRACE(OSA_TRACE_INFO, "bus(%x)\n", nox::low32(bus));
+    nox::end_deliveries(bus);
+    if (nox::OwnLoop::is_of(bus)) {
+        NOX_TRACE(OSA_TRACE_ERROR, "bus(%x) deleted in its own handler\n", nox::low32(bus));
+        nox::OwnLoop::lose_record(bus->thread);
+    }
     uint32_t size = 0;
     while (pop(bus, &size, 0) != nullptr) {
         // Posted too late for the handler: freed as it is taken off.

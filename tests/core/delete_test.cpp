@@ -193,6 +193,28 @@ TEST(Delete, OnThePipesOwnControlThreadIsToldAndReleasesAll)
     });
 }
 
+TEST(Delete, WaitsForAHandlerThatIsUsingThePipe)
+{
+    under_all_seeds([] {
+        Graph graph;
+        hand_over(graph);
+        script("s").interval_ms = 7;
+        script("s").buffers = static_cast<uint32_t>(SIM_Seed() % 12); // posts when it quits
+        nox_pipe_set_bus_handler(
+            graph.pipe,
+            [](NOXBus *, void *, const char *, int32_t, const char *) {
+                OSA_ThreadSleep(1);
+                nox_pipe_set_state_async(g_pipe, NOX_STATE_PAUSE, nullptr);
+                nox_pipe_get_allsrc_stopped(g_pipe);
+                return SIM_Seed() % 2 == 0 ? nox_pipe_set_state(g_pipe, NOX_STATE_NULL) : 0;
+            },
+            nullptr);
+        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
+        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 80));
+        nox_object_delete(graph.pipe);
+    });
+}
+
 TEST(Delete, OfABusAloneInItsHandlerIsToldToo)
 {
     under_all_seeds([] {
@@ -202,13 +224,13 @@ TEST(Delete, OfABusAloneInItsHandlerIsToldToo)
         nox_bus_set_handler(
             bus,
             [](NOXBus *, void *, const char *, int32_t, const char *) {
+                nox_bus_post_error(bus, "test", 2, "goes with the bus");
                 nox_object_delete(bus);
                 g_deleted = true;
                 return 0;
             },
             nullptr);
-        nox_bus_post_error(bus, "test", 1, "first");
-        nox_bus_post_error(bus, "test", 1, "freed with the bus");
+        nox_bus_post_error(bus, "test", 1, nullptr);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
         EXPECT_EQ(1u, SIM_TraceCount("deleted in its own handler\n", 1));
     });
