@@ -13,9 +13,6 @@ inline NOXBaseSrc *source_of(NOXPlugin *plugin)
     return reinterpret_cast<NOXBaseSrc *>(plugin);
 }
 
-// Whether the calling thread is the thread of this source.
-bool is_thread_of(const NOXBaseSrc *source);
-
 // Whether the calling thread belongs to a source that has been asked to end or to
 // park, so that nothing on it should wait any longer.
 bool pushing_source_is_called_back();

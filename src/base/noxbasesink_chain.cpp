@@ -86,17 +86,41 @@ void account(NOXBaseSink *sink, NOXBuffer *buffer)
 
 // ---- the clock ----------------------------------------------------------------
 
-// The first reading of a clock that runs. A source that is stopped or paused while
-// the clock stands at 0 would wait here for ever, and its stop or pause for it: such
-// a wait ends, with `waited` cleared.
-uint64_t wait_until_running(NOXTimer *timer, bool &waited)
+// Tells a pusher that has waited long enough: its source is stopped or paused, and
+// that may be waiting for this very thread. A source that pushes on a thread of its
+// plugin's own is found by the links; one that was never started tells nothing.
+class CallBack
 {
+public:
+    explicit CallBack(const NOXPlugin *sink) : m_source(sink)
+    {
+        while (m_source->prev != nullptr)
+            m_source = m_source->prev;
+        m_was_started = nox::load_acquire(m_source->started);
+    }
+
+    bool has_come() const
+    {
+        return nox::pushing_source_is_called_back() ||
+               (m_was_started && !nox::load_acquire(m_source->started));
+    }
+
+private:
+    const NOXPlugin *m_source;
+    bool m_was_started;
+};
+
+// The first reading of a clock that runs. While the clock stands at 0 only a call back
+// ends the wait, with `waited` cleared.
+uint64_t wait_until_running(NOXBaseSink *sink, NOXTimer *timer, bool &waited)
+{
+    const CallBack call_back(&sink->plugin);
     waited = true;
     for (;;) {
         const uint64_t reading = nox_timer_gettime(timer);
         if (reading != 0 || nox_timer_wait(timer, kClockPollMs) == 0)
             return reading;
-        if (nox::pushing_source_is_called_back()) {
+        if (call_back.has_come()) {
             waited = false;
             return reading;
         }
@@ -122,7 +146,7 @@ void wait_for_clock(NOXBaseSink *sink, NOXBuffer *buffer)
     if (timer == nullptr)
         return;
     bool waited;
-    const uint64_t reading = wait_until_running(timer, waited);
+    const uint64_t reading = wait_until_running(sink, timer, waited);
     nox::store_relaxed(sink->discont, uint8_t{0});
     const uint64_t timestamp = nox_buffer_get_timestamp(buffer);
     if (waited && timestamp != 0 && timestamp > reading + 1)

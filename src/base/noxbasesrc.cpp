@@ -22,6 +22,7 @@
 #include "noxbasesrc.h"
 
 #include "base/basesrc_internal.h"
+#include "core/own_loop.h"
 #include "internal/atomic_field.h"
 #include "internal/trace.h"
 
@@ -57,22 +58,23 @@ int32_t start_thread(NOXBaseSrc *source)
     return -1;
 }
 
-// Waits for the thread, waking it first when it is parked. On the thread itself,
-// which cannot wait for its own end, the handle is kept for a later stop.
-void join_thread(NOXBaseSrc *source, const char *function = __builtin_FUNCTION())
+// Waits for the thread, waking it first when it is parked. False on the thread itself,
+// which cannot wait for its own end: the handle is kept for a later stop.
+bool join_thread(NOXBaseSrc *source, const char *function = __builtin_FUNCTION())
 {
     if (source->thread == nullptr)
-        return;
-    if (nox::is_thread_of(source)) {
+        return true;
+    if (nox::OwnLoop::is_of(source)) {
         NOX_TRACE_OBJECT_FOR(function, source, OSA_TRACE_ERROR,
                              "src(%s) stopped on its own thread\n", nox::name_of(source));
-        return;
+        return false;
     }
     wake_when_parked(source);
     int32_t exit_value = 0;
     OSA_ThreadDelete(source->thread, &exit_value);
     source->thread = nullptr;
     source->plugin.hasthread_ = 0;
+    return true;
 }
 
 // A live source that cannot be paused must not run.
@@ -122,7 +124,7 @@ bool pipe_is_started(const NOXBaseSrc *source)
 bool must_be_asked_to_park(const NOXBaseSrc *source)
 {
     return nox::load_acquire(source->plugin.started) && source->usethread &&
-           source->pauseevent != nullptr && !nox::is_thread_of(source) &&
+           source->pauseevent != nullptr && !nox::OwnLoop::is_of(source) &&
            !(source->held_ && is_parked(source));
 }
 
@@ -211,7 +213,8 @@ int32_t nox_basesrc_stop(NOXPlugin *plugin)
             NOX_TRACE_OBJECT(source, OSA_TRACE_ERROR, "src(%s) prestop error(%d)\n",
                              nox::name_of(source), result);
     }
-    join_thread(source);
+    if (!join_thread(source))
+        return -1; // the thread uses until its end what would be taken apart here
     if (source->stop_func != nullptr)
         result = source->stop_func(source);
     if (source->pauseevent != nullptr) {

@@ -99,13 +99,13 @@ void SourceThread::call_under_pipe_lock(NOXBaseSrcFunc function, const char *wha
 
 void SourceThread::wait_for_group(NOXPluginGroup *group)
 {
-    for (int poll = 0; poll < kGroupPolls; ++poll) {
+    for (int poll = 0; poll < kGroupPolls && is_started(); ++poll) {
         if (nox_plugin_group_is_all_attended(group))
             return;
         ask_group_to_restart(group);
         OSA_ThreadSleep(kGroupPollMs);
     }
-    if (!nox_plugin_group_is_all_attended(group))
+    if (is_started() && !nox_plugin_group_is_all_attended(group))
         NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR,
                              "other source has no problem, keep going..\n");
 }

@@ -7,6 +7,7 @@
 
 #include "base/basesrc_internal.h"
 #include "base/source_thread.h"
+#include "core/own_loop.h"
 #include "internal/trace.h"
 #include "noxpipe.h"
 
@@ -27,6 +28,15 @@ void announce_end(NOXBaseSrc *source)
     nox::store_ordered(source->threadended_, uint8_t{1});
     if (nox::load_ordered(source->pausewait) == 1 && source->pauseevent != nullptr)
         OSA_EventSend(source->pauseevent);
+}
+
+void run_passes(NOXBaseSrc *source)
+{
+    const nox::OwnLoop loop(source);
+    t_own_source = source;
+    nox::SourceThread(source).run();
+    announce_end(source);
+    t_own_source = nullptr;
 }
 
 } // namespace
@@ -206,11 +216,6 @@ void SourceThread::end_stream()
     nox_plugin_push_eos(m_plugin);
 }
 
-bool is_thread_of(const NOXBaseSrc *source)
-{
-    return t_own_source == source;
-}
-
 bool pushing_source_is_called_back()
 {
     return t_own_source != nullptr && (!load_acquire(t_own_source->plugin.started) ||
@@ -221,11 +226,7 @@ bool pushing_source_is_called_back()
 
 int32_t nox_basesrc_loop(void *argument)
 {
-    auto *source = static_cast<NOXBaseSrc *>(argument);
-    t_own_source = source;
-    nox::SourceThread(source).run();
-    announce_end(source);
-    t_own_source = nullptr;
+    run_passes(static_cast<NOXBaseSrc *>(argument));
     OSA_ThreadExit(0);
     return 0;
 }

@@ -71,6 +71,11 @@ void tell_where_deleted(const NOXPipe *pipe)
     if (nox::OwnLoop::is_of(pipe->busref))
         NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_ERROR,
                       "pipe(%s) deleted in its own bus handler\n", nox::name_of(pipe));
+    for (const NOXPlugin *member : members(pipe))
+        if (nox::OwnLoop::is_of(member))
+            NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_ERROR,
+                          "pipe(%s) deleted on the thread of its source (%s)\n", nox::name_of(pipe),
+                          nox::name_of(member));
 }
 
 // The application's handler may use the pipe at any message, and must not find it half
@@ -81,26 +86,34 @@ void silence_handler(const NOXPipe *pipe)
         nox::end_deliveries(pipe->busref);
 }
 
-void stop_started(NOXPlugin *member)
+// All sources are asked before the first is waited for, or the waits would add up.
+// False when one runs on, because its thread is the calling one.
+bool end_sources(NOXPipe *pipe)
 {
-    if (nox::load_relaxed(member->started))
-        nox_plugin_stop(member);
+    for (NOXPlugin *member : members(pipe))
+        if (member->hasthread_)
+            nox::store_ordered(member->started, uint8_t{0});
+    bool all_ended = true;
+    for (NOXPlugin *member : members(pipe))
+        all_ended &= nox::end_own_thread(member, "nox_pipe_finalize");
+    return all_ended;
 }
 
-// Of a pipe that was not brought to NULL: first what pushes, then what is pushed
-// to. False when a source runs on, on the calling thread.
-bool stop_members(NOXPipe *pipe)
+// Of a pipe that was not brought to NULL, what is left: first what pushes.
+void stop_started(NOXPipe *pipe)
 {
-    bool all_ended = true;
-    for (NOXPlugin *member : members(pipe)) {
-        all_ended &= nox::end_own_thread(member, "nox_pipe_finalize");
-        if (member->issrc)
-            stop_started(member);
-    }
-    for (NOXPlugin *member : members(pipe))
-        if (!member->issrc)
-            stop_started(member);
-    return all_ended;
+    for (const bool sources : {true, false})
+        for (NOXPlugin *member : members(pipe))
+            if ((member->issrc != 0) == sources && nox::load_relaxed(member->started))
+                nox_plugin_stop(member);
+}
+
+// Whoever else holds the member must not find what goes with the pipe.
+void forget_pipe(NOXPlugin *member)
+{
+    member->bus = nullptr;
+    member->timer = nullptr;
+    nox_plugin_set_parent(member, nullptr);
 }
 
 // Their code is on the calling thread's stack, and they are not released; the pipe,
@@ -108,13 +121,10 @@ bool stop_members(NOXPipe *pipe)
 void abandon_members(NOXPipe *pipe)
 {
     NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_ERROR,
-                  "pipe(%s) deleted on the thread of its source. Its plugins are not released\n",
+                  "a thread of pipe(%s) runs on. Its plugins are not released\n",
                   nox::name_of(pipe));
-    while (auto *member = static_cast<NOXPlugin *>(nox::take_head(pipe->plugins))) {
-        member->bus = nullptr;
-        member->timer = nullptr;
-        nox_plugin_set_parent(member, nullptr);
-    }
+    while (auto *member = static_cast<NOXPlugin *>(nox::take_head(pipe->plugins)))
+        forget_pipe(member);
 }
 
 void release_members(NOXPipe *pipe)
@@ -124,6 +134,8 @@ void release_members(NOXPipe *pipe)
         NOX_TRACE_FOR("nox_pipe_finalize", OSA_TRACE_INFO, "deleting object (%s)\n",
                       nox::name_of(member));
         nox_plugin_reset(member);
+        if (nox_object_get_refcount(member) > 1)
+            forget_pipe(member);
         nox_object_delete(member);
         nox::remove_node(pipe->plugins, node);
     }
@@ -160,11 +172,14 @@ int32_t nox_pipe_finalize(void *object)
     tell_where_deleted(pipe);
     silence_handler(pipe);
     nox::stop_control_thread(pipe);
-    if (stop_members(pipe))
+    if (end_sources(pipe)) {
+        stop_started(pipe);
         release_members(pipe);
-    else
+    } else {
         abandon_members(pipe);
+    }
     OSA_ListDestroy(pipe->plugins);
+    nox_bus_set_parent(pipe->busref, nullptr);
     nox_object_delete(pipe->busref);
     nox_object_delete(pipe->plugin.bus);
     nox_object_delete(pipe->clock);

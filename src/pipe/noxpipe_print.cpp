@@ -22,7 +22,10 @@ class GraphText
 {
 public:
     // Goes on behind what stands in a block of NOX_PIPE_TEXT_SIZE bytes.
-    explicit GraphText(char *text) : m_text(text), m_length(std::strlen(text)) {}
+    explicit GraphText(char *text, const char *function = __builtin_FUNCTION())
+        : m_text(text), m_length(std::strlen(text)), m_function(function)
+    {
+    }
 
     __attribute__((format(printf, 2, 3))) void append(const char *format, ...)
     {
@@ -36,8 +39,9 @@ public:
         const size_t length = std::strlen(piece);
         if (m_length + length + sizeof(kClosing) > NOX_PIPE_TEXT_SIZE) {
             m_full = true;
-            NOX_TRACE_FOR("nox_pipe_print", OSA_TRACE_ERROR,
-                          "graph text full. (%s) and what follows is left out\n", piece);
+            NOX_TRACE_FOR(m_function, OSA_TRACE_ERROR,
+                          "graph text full after (%u) bytes. The rest is left out\n",
+                          static_cast<uint32_t>(m_length));
             return;
         }
         std::memcpy(m_text + m_length, piece, length + 1);
@@ -57,6 +61,7 @@ public:
 private:
     char *m_text;
     size_t m_length;
+    const char *m_function; // that was called
     bool m_full = false;
 };
 

@@ -76,7 +76,10 @@ int32_t nox_plugin_finalize(void *object)
     if (!check_plugin(plugin))
         return -1;
     NOX_TRACE(OSA_TRACE_INFO, " plg(%x) plugin(%s)\n", nox::low32(plugin), nox::name_of(plugin));
-    nox::end_own_thread(plugin); // which uses the links until then
+    // The thread uses the links until it has ended.
+    if (!nox::end_own_thread(plugin))
+        NOX_TRACE(OSA_TRACE_ERROR, "plugin(%s) is released on its own thread, which runs on\n",
+                  nox::name_of(plugin));
     destroy_branches(plugin);
     const int32_t result = finalize_derived(plugin);
     release_allocator(plugin);

@@ -58,8 +58,8 @@ bool end_own_thread(NOXPlugin *plugin, const char *function)
 {
     if (!plugin->hasthread_)
         return true;
-    NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "plugin(%s) is released while its thread runs\n",
-                  name_of(plugin));
+    NOX_TRACE_FOR(function, OSA_TRACE_ERROR,
+                  "plugin(%s) is released before its thread was joined\n", name_of(plugin));
     nox_plugin_stop(plugin);
     return !plugin->hasthread_;
 }

@@ -168,13 +168,13 @@ NOXBus *nox_bus_new(const char *name)
 
 int32_t nox_bus_set_parent(NOXBus *bus, void *parent)
 {
-    bus->parent = parent;
+    nox::store_release(bus->parent, parent);
     return 0;
 }
 
 void *nox_bus_get_parent(NOXBus *bus)
 {
-    return bus->parent;
+    return nox::load_acquire(bus->parent);
 }
 
 int32_t nox_bus_set_handler(NOXBus *bus, NoxBusHandler handler, void *handler_data)

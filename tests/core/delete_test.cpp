@@ -1,6 +1,8 @@
 // Deleting what still runs: nothing crashes, waits for itself or is left alive,
 // whatever the schedule, and the application is told what it forgot.
 
+#include <memory>
+
 #include "on_stage.h"
 
 namespace
@@ -36,7 +38,8 @@ const std::vector<std::string> kPlugins = {"s", "idle", "f", "k1", "k2", "k3"};
 
 uint32_t told_of(const std::string &source)
 {
-    return traced("noxplugin", 1, "plugin(" + source + ") is released while its thread runs");
+    return traced("noxplugin", 1,
+                  "plugin(" + source + ") is released before its thread was joined");
 }
 
 // One run that ends clean for each seed and each way to get to the deletion.
@@ -255,7 +258,7 @@ TEST(Delete, OnASourcesOwnThreadIsToldAndLeavesThePluginsOnItsStackAlone)
         OSA_EventSend(may_go);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
         OSA_EventDestroy(may_go);
-        EXPECT_EQ(1u, SIM_TraceCount("pipe(player) deleted on the thread of its source", 1));
+        EXPECT_EQ(1u, traced("noxpipe", 1, "pipe(player) deleted on the thread of its source (s)"));
         EXPECT_EQ(0u, script("k1").finalized);
         nox_object_delete(graph.source); // joins its thread
         for (NOXPlugin *plugin : plugins)
@@ -277,4 +280,69 @@ TEST(Delete, InsideAHandlerSurvivesEveryFault)
             return nox_object_delete(pipe);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
     });
+}
+
+TEST(Delete, AsksAllSourcesBeforeItWaitsForOne)
+{
+    under_all_seeds([] {
+        NOXPipe *pipe = nox_pipe_new("player");
+        for (const char *name : {"a", "b", "c", "d"}) {
+            script(name).buffers = 0; // fails at once, and waits 4 s for a group
+            NOXPlugin *source = new_source(name);
+            reinterpret_cast<NOXBaseSrc *>(source)->errhandle = NOX_ERRHANDLE_RESTART;
+            NOXPlugin *sink = new_sink(std::string("sink of ") + name);
+            nox_pipe_add_plugin_many(pipe, source, sink, nullptr);
+            nox_plugin_link(source, sink);
+        }
+        nox_pipe_set_state(pipe, NOX_STATE_PLAY);
+        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() * 10));
+        const uint64_t begin = SIM_Tick();
+        nox_object_delete(pipe);
+        EXPECT_LE(SIM_Tick() - begin, 250u) << "two sleeps of 100 ms at most";
+        EXPECT_EQ(script("a").started, script("a").stopped);
+    });
+}
+
+TEST(Delete, EndsTheWaitOfASinkForAClockThatNeverStarted)
+{
+    Stage stage;
+    NOXPlugin *source = new_source("s");
+    NOXPlugin *sink = new_sink("k");
+    NOXPlugin *refusing = new_source("refusing");
+    NOXPlugin *other = new_sink("other");
+    NOXPipe *pipe = nox_pipe_new("player");
+    nox_pipe_add_plugin_many(pipe, source, sink, refusing, other, nullptr);
+    nox_plugin_link(source, sink);
+    nox_plugin_link(refusing, other);
+    // The source pushes on a thread of its own, which its stop joins.
+    reinterpret_cast<NOXBaseSrc *>(source)->usethread = 0;
+    reinterpret_cast<NOXBaseSink *>(sink)->sync = 1;
+    script("refusing").start_result = -1;
+    EXPECT_EQ(-1, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
+    auto worker = std::make_unique<Worker>([source] {
+        NOXBuffer *buffer = nox_buffer_new(10);
+        nox_plugin_push_buffer(source, buffer);
+        nox_object_delete(buffer);
+    });
+    script("s").on_stop = [&worker] { worker.reset(); };
+    OSA_ThreadSleep(50);
+    nox_object_delete(pipe);
+    EXPECT_EQ(nullptr, worker);
+    EXPECT_EQ("", stage.end());
+}
+
+TEST(Delete, OfAPipeLeavesNoPointerToItInWhatOthersHold)
+{
+    Stage stage;
+    Graph graph;
+    auto *sink = static_cast<NOXPlugin *>(nox_object_refer(graph.sink));
+    auto *bus = static_cast<NOXBus *>(nox_object_refer(graph.pipe->busref));
+    nox_object_delete(graph.pipe);
+    EXPECT_EQ(nullptr, nox_plugin_get_pipeline(sink));
+    EXPECT_EQ(-1, nox_plugin_error_post(sink, 1, "nobody listens"));
+    EXPECT_EQ(nullptr, nox_bus_get_parent(bus));
+    EXPECT_EQ(0, nox_bus_post_error(bus, "test", 1, "the bus lives on"));
+    nox_object_delete(sink);
+    nox_object_delete(bus);
+    EXPECT_EQ("", stage.end());
 }
