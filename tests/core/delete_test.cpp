@@ -65,13 +65,13 @@ void delete_pipe()
     g_deleted = true;
 }
 
-// The application's own word to its handler that the pipe may go: its change of
-// state is over by then.
-constexpr int32_t kDeleteIt = 1000;
+// The application's own word to its handler that its change of state is over: the
+// handler may use, or delete, the pipe.
+constexpr int32_t kAfterTheChange = 1000;
 
 int32_t delete_on_message(NOXBus *, void *, const char *, int32_t code, const char *)
 {
-    if (code == kDeleteIt)
+    if (code == kAfterTheChange)
         delete_pipe();
     return 0;
 }
@@ -171,7 +171,7 @@ TEST(Delete, InThePipesOwnBusHandlerIsToldAndReleasesAll)
         nox_pipe_set_bus_handler(graph.pipe, delete_on_message, nullptr);
         nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
         OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 50));
-        nox_bus_post_error(graph.pipe->busref, "application", kDeleteIt, nullptr);
+        nox_bus_post_error(graph.pipe->busref, "application", kAfterTheChange, nullptr);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
         if (SIM_Seed() % 2 == 0) { // else the library is shut down while the handler returns
             OSA_ThreadSleep(1);
@@ -201,11 +201,11 @@ TEST(Delete, WaitsForAHandlerThatIsUsingThePipe)
     under_all_seeds([] {
         Graph graph;
         hand_over(graph);
-        script("s").interval_ms = 7;
-        script("s").buffers = static_cast<uint32_t>(SIM_Seed() % 12); // posts when it quits
         nox_pipe_set_bus_handler(
             graph.pipe,
-            [](NOXBus *, void *, const char *, int32_t, const char *) {
+            [](NOXBus *, void *, const char *, int32_t code, const char *) {
+                if (code != kAfterTheChange)
+                    return 0;
                 OSA_ThreadSleep(1);
                 nox_pipe_set_state_async(g_pipe, NOX_STATE_PAUSE, nullptr);
                 nox_pipe_get_allsrc_stopped(g_pipe);
@@ -213,7 +213,9 @@ TEST(Delete, WaitsForAHandlerThatIsUsingThePipe)
             },
             nullptr);
         nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
-        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 80));
+        for (int i = 0; i < 3; ++i)
+            nox_bus_post_error(graph.pipe->busref, "application", kAfterTheChange, nullptr);
+        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 4));
         nox_object_delete(graph.pipe);
     });
 }
@@ -276,7 +278,7 @@ TEST(Delete, InsideAHandlerSurvivesEveryFault)
         g_pipe = pipe;
         g_deleted = false;
         nox_pipe_set_bus_handler(pipe, delete_on_message, nullptr);
-        if (nox_bus_post_error(pipe->busref, "test", kDeleteIt, nullptr) != 0)
+        if (nox_bus_post_error(pipe->busref, "test", kAfterTheChange, nullptr) != 0)
             return nox_object_delete(pipe);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
     });
