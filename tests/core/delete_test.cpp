@@ -207,9 +207,10 @@ TEST(Delete, WaitsForAHandlerThatIsUsingThePipe)
                 if (code != kAfterTheChange)
                     return 0;
                 OSA_ThreadSleep(1);
-                nox_pipe_set_state_async(g_pipe, NOX_STATE_PAUSE, nullptr);
                 nox_pipe_get_allsrc_stopped(g_pipe);
-                return SIM_Seed() % 2 == 0 ? nox_pipe_set_state(g_pipe, NOX_STATE_NULL) : 0;
+                return SIM_Seed() % 2 == 0
+                           ? nox_pipe_set_state(g_pipe, NOX_STATE_NULL)
+                           : nox_pipe_set_state_async(g_pipe, NOX_STATE_PAUSE, nullptr);
             },
             nullptr);
         nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
