@@ -20,6 +20,7 @@
 
 #include "common/element.h"
 #include "common/options.h"
+#include "common/output.h"
 #include "common/report.h"
 #include "common/samples.h"
 #include "common/stream.h"
@@ -264,14 +265,9 @@ uint64_t next_time(const State &own)
 
 Buffer make_block(NOXBaseFilter *filter, const uint8_t *bytes, uint32_t count)
 {
-    NOXBufferRequest request = {1, 0, {count}};
-    Buffer block(nox_plugin_get_outbuffer(&filter->plugin, &request));
-    NOXMemory *memory = block != nullptr ? nox_buffer_get_memory(block.get(), 0) : nullptr;
-    if (memory == nullptr || nox_memory_get_datasize(memory) != count) {
-        report(filter, PLUGIN_MSG_MEMORY, "got no buffer of %u bytes", count);
-        return nullptr;
-    }
-    std::memcpy(nox_memory_get_data(memory), bytes, count);
+    Buffer block(take_outbuffer(filter, {1, 0, {count}}));
+    if (block != nullptr)
+        std::memcpy(nox_memory_get_data(nox_buffer_get_memory(block.get(), 0)), bytes, count);
     return block;
 }
 

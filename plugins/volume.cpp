@@ -8,6 +8,7 @@
 
 #include "common/element.h"
 #include "common/options.h"
+#include "common/output.h"
 #include "common/report.h"
 #include "common/samples.h"
 #include "common/stream.h"
@@ -88,25 +89,20 @@ NOXBuffer *output_like(NOXBaseFilter *filter, NOXBuffer *input)
         request.sizes[request.count++] = nox_memory_get_datasize(memory);
         return 0;
     });
-    NOXBuffer *output = nox_plugin_get_outbuffer(&filter->plugin, &request);
-    if (output == nullptr) {
-        report(filter, PLUGIN_MSG_MEMORY, "no memory for a buffer");
+    NOXBuffer *output = take_outbuffer(filter, request);
+    if (output == nullptr)
         return nullptr;
-    }
     nox_buffer_copy_metadata(input, output);
     nox_buffer_set_durationUs(output, nox_buffer_get_durationUs(input));
     return output;
 }
 
-int32_t amplify_into(NOXBaseFilter *filter, NOXBuffer *input, NOXBuffer *output)
+void amplify_into(NOXBaseFilter *filter, NOXBuffer *input, NOXBuffer *output)
 {
     const float gain = Volume::of(filter)->state.gain;
     int32_t slot = 0;
-    return for_each_block(input, [&](NOXMemory *from) -> int32_t {
-        NOXMemory *to = nox_buffer_get_memory(output, slot++);
-        if (to == nullptr || nox_memory_get_datasize(to) < nox_memory_get_datasize(from))
-            return report(filter, PLUGIN_MSG_MEMORY, "got an output buffer that is too small");
-        amplify(from, to, gain);
+    for_each_block(input, [&](NOXMemory *from) -> int32_t {
+        amplify(from, nox_buffer_get_memory(output, slot++), gain);
         return 0;
     });
 }
@@ -119,9 +115,8 @@ int32_t volume_chain(NOXBaseFilter *filter, NOXBuffer *input)
     NOXBuffer *output = output_like(filter, input);
     if (output == nullptr)
         return -1;
-    int32_t result = amplify_into(filter, input, output);
-    if (result == 0)
-        result = nox_plugin_push_buffer(&filter->plugin, output);
+    amplify_into(filter, input, output);
+    const int32_t result = nox_plugin_push_buffer(&filter->plugin, output);
     nox_object_delete(output);
     return result;
 }

@@ -17,6 +17,7 @@
 
 #include "common/element.h"
 #include "common/options.h"
+#include "common/output.h"
 #include "common/report.h"
 #include "common/riff.h"
 #include "common/sound_file.h"
@@ -167,7 +168,7 @@ int32_t wavsrc_setformat(NOXBaseSrc *source, NOXStructure *format)
 {
     WavSource *self = WavSource::of(source);
     if (source->islive != 0) {
-        source->islive = 0;
+        std::atomic_ref(source->islive).store(0);
         return report(self, PLUGIN_MSG_OPTION, "option islive must be false: a file is not live");
     }
     if (source->thread != nullptr)
@@ -227,10 +228,8 @@ bool read_frames(NOXBaseSrc *source, NOXBuffer *buffer, uint64_t frames)
     State &state = WavSource::of(source)->state;
     SNDFILE *file = state.recording.file.get();
     NOXMemory *memory = nox_buffer_get_memory(buffer, 0);
-    const uint64_t bytes = frames * state.recording.stream.frame_size();
-    if (memory == nullptr || nox_memory_get_datasize(memory) < bytes ||
-        reinterpret_cast<uintptr_t>(nox_memory_get_data(memory)) % alignof(short) != 0) {
-        report(source, PLUGIN_MSG_MEMORY, "got an output buffer that is too small or not aligned");
+    if (reinterpret_cast<uintptr_t>(nox_memory_get_data(memory)) % alignof(short) != 0) {
+        report(source, PLUGIN_MSG_MEMORY, "got an output buffer that is not aligned");
         return false;
     }
     auto *samples = reinterpret_cast<short *>(nox_memory_get_data(memory));
@@ -263,11 +262,8 @@ NOXBuffer *wavsrc_create(NOXBaseSrc *source)
 
     const uint64_t in_file = position % recording.frames;
     const uint64_t frames = frames_to_next_mark(recording, in_file);
-    NOXBufferRequest request = {
-        1, 0, {static_cast<uint32_t>(frames * recording.stream.frame_size())}};
-    NOXBuffer *buffer = nox_plugin_get_outbuffer(&source->plugin, &request);
-    if (buffer == nullptr)
-        report(source, PLUGIN_MSG_MEMORY, "no memory for a buffer");
+    const auto bytes = static_cast<uint32_t>(frames * recording.stream.frame_size());
+    NOXBuffer *buffer = take_outbuffer(source, {1, 0, {bytes}});
     const bool rewound = in_file != 0 || sf_seek(recording.file.get(), 0, SF_SEEK_SET) == 0;
     if (buffer == nullptr || !rewound || !read_frames(source, buffer, frames)) {
         state.ending = true; // what follows a gap is not played

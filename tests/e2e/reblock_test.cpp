@@ -241,3 +241,26 @@ TEST_F(Reblock, AStopDropsWhatIsLeftAndTheNextStreamBeginsAnew)
     EXPECT_EQ(blocks[0].duration_us, 62500u);
     EXPECT_EQ(down->at_end, 1u);
 }
+
+TEST_F(Reblock, AnOutputBufferThatIsNotAsAskedForIsRefused)
+{
+    static std::vector<uint32_t> answer;
+    NOXAllocator *allocator = nox_allocator_new(down);
+    nox_allocator_set_allocate_func(allocator, [](void *, NOXBufferRequest *) {
+        NOXBuffer *buffer = nox_buffer_new(0);
+        for (const uint32_t size : answer)
+            nox_buffer_append_memory(buffer, nox_memory_new(size));
+        return buffer;
+    });
+    ASSERT_EQ(nox_plugin_set_allocator(&down->plugin, allocator), 0);
+    const std::vector<uint32_t> answers[] = {{200}, {199}, {201}, {200, 1}, {}};
+    for (const std::vector<uint32_t> &sizes : answers) {
+        answer = sizes;
+        const bool fits = &sizes == answers;
+        start("size", 200, 0);
+        NOXBuffer *input = nox_buffer_new(200);
+        EXPECT_EQ(nox_plugin_push_buffer(&up->plugin, input), fits ? 0 : -1) << sizes.size();
+        EXPECT_EQ(blocks.size(), fits ? 1u : 0u);
+        nox_object_delete(input);
+    }
+}
