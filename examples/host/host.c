@@ -56,8 +56,8 @@ static bool is_failure(int32_t code)
 }
 
 /* On the bus's thread. `name` and `text` are the bus's, and may be null. A change of
- * state from here would keep further messages waiting, and releasing the pipe would
- * wait for this very thread; so the main thread does both. */
+ * state from here would keep further messages waiting, and releasing the pipe here is
+ * told as a fault; so the main thread does both. */
 static int32_t on_message(NOXBus *bus, void *data, const char *name, int32_t code, const char *text)
 {
     (void)bus;

@@ -12,6 +12,7 @@
 
 #include <stdarg.h>
 #include <stdatomic.h>
+#include <stdbool.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -55,15 +56,15 @@ static int32_t report(Mono *self, int32_t code, const char *format, ...)
 
 /* Asks the plugin upstream what it hands on. The facts are entries of its format,
  * as docs/plugins.md lists them. False when it does not say, or not all. */
-static int ask_upstream(const Mono *self, Stream *stream)
+static bool ask_upstream(const Mono *self, Stream *stream)
 {
     NOXPlugin *upstream = self->base.plugin.prev;
     if (upstream == NULL)
-        return 0;
+        return false;
     NOXStructure *answer = nox_structure_new("upstream");
     if (answer == NULL)
-        return 0;
-    int known = 0;
+        return false;
+    bool known = false;
     if (nox_plugin_getformat(upstream, answer) == 0) {
         const char *format = nox_structure_getvar_string(answer, "stream.format");
         known = format != NULL && strcmp(format, "s16le") == 0 &&
@@ -189,7 +190,7 @@ static void convert(NOXMemory *input, NOXMemory *output, uint32_t channels, uint
 
 /* A buffer has up to three blocks, in any of its slots. The output gets one block for
  * each of the input, and the input's times. It may come from the plugin downstream,
- * which may have frames of its own to be written into. */
+ * which may have memory of its own to be written into. */
 static NOXBuffer *new_output(Mono *self, NOXBuffer *input)
 {
     const uint32_t frame_size = self->input.channels * SAMPLE_SIZE;
@@ -226,10 +227,13 @@ static int32_t convert_all(Mono *self, NOXBuffer *input, NOXBuffer *output)
         if (from == NULL)
             continue;
         NOXMemory *to = nox_buffer_get_memory(output, out_slot++);
-        if (to == NULL || nox_memory_get_datasize(to) < nox_memory_get_datasize(from) / channels)
-            return report(self, PLUGIN_MSG_MEMORY, "got an output buffer that is too small");
+        /* One that is too large would go on with bytes that nobody has written. */
+        if (to == NULL || nox_memory_get_datasize(to) != nox_memory_get_datasize(from) / channels)
+            return report(self, PLUGIN_MSG_MEMORY, "got an output block of a size not asked for");
         convert(from, to, channels, channel);
     }
+    if (nox_buffer_get_memcnt(output) != out_slot)
+        return report(self, PLUGIN_MSG_MEMORY, "got more output blocks than asked for");
     return 0;
 }
 

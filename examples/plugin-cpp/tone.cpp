@@ -118,7 +118,7 @@ int32_t tone_setformat(NOXBaseSrc *source, NOXStructure *format)
     uint32_t rate = state.rate;
     uint32_t duration = state.duration;
     if (source->islive != 0) { // the base class has stored its own options before this call
-        source->islive = 0;
+        std::atomic_ref(source->islive).store(0);
         return report(source, PLUGIN_MSG_OPTION, "option islive must be false: a tone can wait");
     }
     if (!take_option(source, format, "frequency", frequency) ||
@@ -201,16 +201,22 @@ void fill(State &state, uint8_t *bytes, uint32_t samples)
 }
 
 // A buffer for so many samples. It may come from the plugin downstream, which may have
-// memory of its own to be written into, so what comes is looked at.
+// memory of its own to be written into, so what comes is looked at: one that is too
+// large would go on with bytes that nobody has written.
 NOXBuffer *new_buffer(NOXBaseSrc *source, uint32_t samples)
 {
     NOXBufferRequest request = {1, 0, {samples * kSampleSize}};
     NOXBuffer *buffer = nox_plugin_get_outbuffer(&source->plugin, &request);
-    NOXMemory *memory = buffer != nullptr ? nox_buffer_get_memory(buffer, 0) : nullptr;
-    if (memory != nullptr && nox_memory_get_datasize(memory) >= request.sizes[0])
+    if (buffer == nullptr) {
+        report(source, PLUGIN_MSG_MEMORY, "no memory for a buffer");
+        return nullptr;
+    }
+    NOXMemory *memory = nox_buffer_get_memory(buffer, 0);
+    if (nox_buffer_get_memcnt(buffer) == 1 &&
+        nox_memory_get_datasize(memory) == samples * kSampleSize)
         return buffer;
-    report(source, PLUGIN_MSG_MEMORY, "no memory for a buffer");
-    nox_object_delete(buffer); // ignores null
+    report(source, PLUGIN_MSG_MEMORY, "got an output buffer that is not of the size asked for");
+    nox_object_delete(buffer);
     return nullptr;
 }
 
