@@ -5,9 +5,7 @@ find_package(Threads REQUIRED)
 add_library(nox_build_options INTERFACE)
 target_compile_options(nox_build_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2
-    $<$<BOOL:${NOX_WERROR}>:-Werror>
-    # A unique symbol would keep a plugin library from ever being unloaded.
-    $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>)
+    $<$<BOOL:${NOX_WERROR}>:-Werror>)
 target_include_directories(nox_build_options INTERFACE ${PROJECT_SOURCE_DIR})
 
 if(NOX_SANITIZE)

@@ -24,7 +24,7 @@ export PATH="$work/copy/bin:$PATH" PKG_CONFIG_LIBDIR="$work/copy/$libdir/pkgconf
 build_with_cmake() {
     local language=${2%%=*}
     cmake -G "$generator" -S "$1" -B "$work/cmake/$1" "-DCMAKE_PREFIX_PATH=$work/copy" \
-        "-DCMAKE_$language""_COMPILER=${2#*=}" "-DCMAKE_$language""_FLAGS=${flags[*]}" >/dev/null
+        "-DCMAKE_${language}_COMPILER=${2#*=}" "-DCMAKE_${language}_FLAGS=${flags[*]}" >/dev/null
     cmake --build "$work/cmake/$1"
 }
 
@@ -35,8 +35,9 @@ build_by_readme() {
     mkdir -p "$work/readme/$1"
     cp "$1"/*.c* "$work/readme/$1"
     local command
-    command=$(awk '/^```/ { if (block ~ /pkg-config/) printf "%s", block; block = ""; next }
-                   { block = block $0 "\n" }' <(sed -n '/^```sh/,/^```$/p' "$1/README.md"))
+    command=$(awk '/^```sh/ { inside = 1; block = ""; next }
+                   /^```/ { if (inside && block ~ /pkg-config/) printf "%s", block; inside = 0 }
+                   inside { block = block $0 "\n" }' "$1/README.md")
     (cd "$work/readme/$1" && eval "$command")
 }
 
