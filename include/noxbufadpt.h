@@ -42,9 +42,9 @@ typedef struct NOXBufAdpt {
 } NOXBufAdpt;
 
 /** A new adapter with one reference, the caller's, that holds at most 2 * `size`
- * unconsumed bytes. `name` is copied; null names it "unknown". Null, after a level-1
- * trace and with nothing kept, when memory runs out or 2 * `size` does not fit 32 bits.
- * Any thread. */
+ * unconsumed bytes; one of size 0 takes only buffers without bytes. `name` is copied; null names it
+ * "unknown". Null, after a level-1 trace and with nothing kept, when memory runs out or 2 * `size`
+ * does not fit 32 bits. Any thread. */
 NOX_API NOXBufAdpt *nox_bufadpt_new(const char *name, uint32_t size);
 
 /** Appends the bytes of all blocks of a buffer, in block order, and takes over the

@@ -13,7 +13,9 @@
  * bus, but had better leave that to another thread: it is told at level 1, no further
  * message is handed over, and everything is released but the thread, which ends when the
  * handler has returned and is joined by a later nox_pipe_new or by nox_deinit. The
- * handler must not touch pipe or bus after that.
+ * handler must not touch pipe or bus after that. That of the pipe must not go while
+ * another thread changes its state, which no message of the library rules out: wait for
+ * one of your own, posted after the change.
  *
  * `bus` must not be null. Without a pipe a bus is made with nox_bus_new and released with
  * nox_object_delete, which waits for a handler in progress and ends the thread; messages

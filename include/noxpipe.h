@@ -21,6 +21,12 @@
  * thread has not been joined, which is told with its name at level 1, and then everything
  * else that is started; setstate_func is not called.
  *
+ * The last reference must not go while a change of state is under way on another thread:
+ * that change may have made a source's thread which the release does not know of yet. A
+ * message does not tell a bus handler that the change is over. One that is to release the
+ * pipe waits for a word of the application's own, posted (nox_bus_post_error) after the
+ * change.
+ *
  * The last reference may be dropped in the pipe's own bus handler or asynchronous
  * callback, though another thread is the better place: it is told at level 1, everything
  * is released, and the thread ends when the call has returned and is joined by a later
@@ -128,7 +134,8 @@ NOX_API int32_t nox_pipe_add_plugin_many(NOXPipe *pipe, NOXPlugin *plugin, ...);
  *     nox_plugin_link(tee, other);                     // each further branch that stays
  *     nox_object_delete(branch);
  *
- * All this while the chain is in NULL. */
+ * All this while the chain is in NULL. A source that was removed while it runs uses the
+ * pipe's bus and clock until it is released, so release it before the pipe. */
 NOX_API int32_t nox_pipe_del_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
 /** Removes the chain that `plugin` is part of, from its source along branch 0, member or

@@ -362,8 +362,11 @@ NOX_API NOXPluginGroup *nox_plugin_group_new(void);
 NOX_API int32_t nox_plugin_group_delete(NOXPluginGroup *group);
 
 /** Appends a member that does not attend yet. One that is in a group already, this or
- * another, is added all the same, and its field `group` names the last. 0; -1, nothing
- * added, for a null argument and, after a level-1 trace, when memory runs out. */
+ * another, is added all the same, and its field `group` names the last. There is no way
+ * out: the group keeps the plugin, without a reference, until the group is deleted, which
+ * is only when none of its sources runs. So release no member while another's source
+ * runs. 0; -1, nothing added, for a null argument and, after a level-1 trace, when memory
+ * runs out. */
 NOX_API int32_t nox_plugin_group_add(NOXPluginGroup *group, NOXPlugin *plugin);
 
 /** The group the plugin was last added to, lent, or null; null for null. */

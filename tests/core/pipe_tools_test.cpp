@@ -105,7 +105,7 @@ TEST_F(PipeTools, ThePrintedGraphIsExact)
     nox_plugin_link(t, member(new_sink("k2")));
     nox_plugin_link(t, f2);
     nox_plugin_link(f2, member(new_sink("k3")));
-    nox_plugin_link(f1, member(new_sink("k5"))); // its plugin comes before t: told after
+    nox_plugin_link(f1, member(new_sink("k5"))); // f1 branches above t: written after it
     member(new_source("s2"));
     member(new_filter("f3"));
     member(new_sink("k4"));
