@@ -5,7 +5,9 @@ find_package(Threads REQUIRED)
 add_library(nox_build_options INTERFACE)
 target_compile_options(nox_build_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2
-    $<$<BOOL:${NOX_WERROR}>:-Werror>)
+    $<$<BOOL:${NOX_WERROR}>:-Werror>
+    # A unique symbol keeps a library from ever being unloaded.
+    $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>)
 target_include_directories(nox_build_options INTERFACE ${PROJECT_SOURCE_DIR})
 
 if(NOX_SANITIZE)
