@@ -1,27 +1,26 @@
 // The schedule: reproducible by its seed, in virtual time, and never stuck in silence.
 
-#include <chrono>
 #include <set>
 
-#include <gtest/gtest.h>
-
-#include "tests/osa_sim/simulated_thread.h"
+#include "osa/sim/osasim.h"
+#include "tests/osa/layer.h"
 
 namespace
 {
+
+// A line of OSA_Trace from a test.
+#define NOTE(...) OSA_Trace("test", OSA_TRACE_VERBOSE, "test", __LINE__, __func__, __VA_ARGS__)
 
 std::string two_posters(const SIM_Options &options)
 {
     SIM_Begin(options);
     {
-        SimulatedThread first("first", [] {
+        const auto post = [] {
             for (int i = 0; i < 8; i++)
-                NOTE("first %d\n", i);
-        });
-        SimulatedThread second("second", [] {
-            for (int i = 0; i < 8; i++)
-                NOTE("second %d\n", i);
-        });
+                NOTE("%d\n", i);
+        };
+        const TestThread first("first", post);
+        const TestThread second("second", post);
     }
     EXPECT_EQ("", SIM_End());
     return SIM_TraceText();
@@ -48,71 +47,26 @@ TEST(Schedule, SwitchesOnlyWhenBlockedOnRequest)
     EXPECT_EQ(lines[8].thread, lines[15].thread);
 }
 
-TEST(Schedule, LongSleepsTakeNoRealTimeAndOverlap)
+TEST(Schedule, SleepsOverlapAndSettingTheTickLeavesThemAloneButAdvancingEndsThem)
 {
-    const auto start = std::chrono::steady_clock::now();
-    SIM_Begin({.first_tick = 500});
+    SIM_Begin({.first_tick = 500, .switch_percent = 0});
     {
-        SimulatedThread sleeper("sleeper", [] { OSA_ThreadSleep(1'000'000); });
-        OSA_ThreadSleep(600'000);
-        EXPECT_EQ(600'500u, OSA_GetSystemTick());
-    }
-    EXPECT_EQ(1'000'500u, OSA_GetSystemTick());
-    EXPECT_EQ("", SIM_End());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-}
-
-TEST(Schedule, SettingTheTickLeavesWaitsAloneAndAdvancingEndsThem)
-{
-    SIM_Begin({.switch_percent = 0});
-    {
-        SimulatedThread sleeper("sleeper", [] {
-            OSA_ThreadSleep(100);
+        const TestThread sleeper("sleeper", [] {
+            OSA_ThreadSleep(1'000'000);
             NOTE("awake\n");
         });
-        OSA_ThreadSleep(10);
+        OSA_ThreadSleep(600'000);
+        EXPECT_EQ(600'500u, OSA_GetSystemTick());
         SIM_TickSet(UINT64_MAX - 5);
         OSA_ThreadSleep(10);
         EXPECT_EQ(4u, OSA_GetSystemTick());
         EXPECT_EQ(0u, SIM_TraceCount("awake"));
-        SIM_TickAdvance(80);
+        SIM_TickAdvance(399'990);
         OSA_ThreadSleep(1);
         EXPECT_EQ(1u, SIM_TraceCount("awake", OSA_TRACE_VERBOSE));
-        EXPECT_EQ(84u, SIM_Traces().back().tick);
+        EXPECT_EQ(0u, SIM_TraceCount("awake", OSA_TRACE_ERROR));
+        EXPECT_EQ(399'994u, SIM_Traces().back().tick);
     }
-    EXPECT_EQ("", SIM_End());
-}
-
-TEST(Schedule, ASlowThreadIsNamedWhileItIsWaitedFor)
-{
-    SIM_Begin();
-    {
-        SimulatedThread slow("slow", [] { OSA_ThreadSleep(12'000); });
-    }
-    EXPECT_EQ(2u, SIM_TraceCount("\"slow\"", OSA_TRACE_ERROR));
-    EXPECT_EQ(2'000u, SIM_Traces()[0].tick);
-    EXPECT_EQ(12'000u, SIM_Traces()[1].tick);
-    EXPECT_EQ("", SIM_End());
-}
-
-TEST(Schedule, AThreadEndsInTheMiddleWithItsStatus)
-{
-    SIM_Begin();
-    OSA_Queue *itself = OSA_QueueCreate("itself", 0);
-    const OSA_ThreadEntry entry = [](void *queue) -> int32_t {
-        void *self = OSA_QueuePop(static_cast<OSA_Queue *>(queue), nullptr, OSA_WAIT_FOREVER);
-        EXPECT_NE(0, OSA_ThreadDelete(static_cast<OSA_Thread *>(self), nullptr));
-        OSA_ThreadExit(42);
-        ADD_FAILURE() << "came back";
-        return 0;
-    };
-    OSA_Thread *thread = OSA_ThreadCreate("ending", 0, 0, entry, itself);
-    OSA_QueuePush(itself, thread, 0);
-    int32_t status = 0;
-    EXPECT_EQ(0, OSA_ThreadDelete(thread, &status));
-    EXPECT_EQ(42, status);
-    EXPECT_EQ(1u, SIM_TraceCount("\"ending\"", OSA_TRACE_ERROR));
-    OSA_QueueDestroy(itself);
     EXPECT_EQ("", SIM_End());
 }
 
@@ -123,7 +77,7 @@ void lose_a_wake_up()
     SIM_Begin({.seed = 11});
     OSA_Event *event = OSA_EventCreate(0);
     OSA_Queue *queue = OSA_QueueCreate("bus", 0);
-    SimulatedThread sender("sender", [&] {
+    TestThread sender("sender", [&] {
         OSA_EventSend(event);
         OSA_QueuePop(queue, nullptr, OSA_WAIT_FOREVER);
     });
@@ -135,7 +89,7 @@ void wait_across_locks()
 {
     SIM_Begin();
     OSA_Mutex *mutexes[2] = {OSA_MutexCreate(), OSA_MutexCreate()};
-    SimulatedThread other("other", [&] {
+    TestThread other("other", [&] {
         OSA_MutexLock(mutexes[1], OSA_WAIT_FOREVER);
         OSA_ThreadSleep(5);
         OSA_MutexLock(mutexes[0], OSA_WAIT_FOREVER);
@@ -145,41 +99,40 @@ void wait_across_locks()
     OSA_MutexLock(mutexes[1], OSA_WAIT_FOREVER);
 }
 
-void poll_without_end()
-{
-    SIM_Begin({.point_limit = 1000});
-    while (OSA_GetSystemTick() == SIM_Tick()) {
-    }
-}
-
-void wait_beside_a_poller()
-{
-    SIM_Begin({.time_limit_ms = 60'000});
-    SimulatedThread poller("poller", [] {
-        for (;;)
-            OSA_ThreadSleep(1000);
-    });
-}
-
-void leave_a_thread_behind()
-{
-    SIM_Begin();
-    SimulatedThread left("left", [] { OSA_ThreadSleep(1000); });
-    SIM_End();
-}
-
 TEST(StuckDeathTest, TheReportNamesEveryThreadWithItsWait)
 {
-    EXPECT_DEATH(lose_a_wake_up(), "deadlock \\(seed 11, tick 10[05]0\\)\n"
-                                   "  thread \"main\": event 1 \\(no limit\\)\n"
-                                   "  thread \"sender\": queue \"bus\" \\(no limit\\)");
-    EXPECT_DEATH(wait_across_locks(),
-                 "thread \"main\": mutex 2 held by thread \"other\" \\(no limit\\)\n"
-                 "  thread \"other\": mutex 1 held by thread \"main\" \\(no limit\\)");
-    EXPECT_DEATH(poll_without_end(), "no time passed during 1000 calls");
-    EXPECT_DEATH(wait_beside_a_poller(), "still running after 60000 ms(.|\n)*"
-                                         "thread \"main\": thread \"poller\" to end");
-    EXPECT_DEATH(leave_a_thread_behind(), "threads still run(.|\n)*thread \"left\"");
+    const struct {
+        void (*get_stuck)();
+        const char *report;
+    } cases[] = {
+        {lose_a_wake_up, "deadlock \\(seed 11, tick 10[05]0\\)\n"
+                         "  thread \"main\": event 1 \\(no limit\\)\n"
+                         "  thread \"sender\": queue \"bus\" \\(no limit\\)"},
+        {wait_across_locks, "thread \"main\": mutex 2 held by thread \"other\" \\(no limit\\)\n"
+                            "  thread \"other\": mutex 1 held by thread \"main\" \\(no limit\\)"},
+        {[] {
+             SIM_Begin({.point_limit = 1000});
+             while (OSA_GetSystemTick() == SIM_Tick()) {
+             }
+         },
+         "no time passed during 1000 calls"},
+        {[] {
+             SIM_Begin({.time_limit_ms = 60'000});
+             TestThread("poller", [] {
+                 for (;;)
+                     OSA_ThreadSleep(1000);
+             });
+         },
+         "still running after 60000 ms(.|\n)*thread \"main\": thread \"poller\" to end"},
+        {[] {
+             SIM_Begin();
+             const TestThread left("left", [] { OSA_ThreadSleep(1000); });
+             SIM_End();
+         },
+         "threads still run(.|\n)*thread \"left\""},
+    };
+    for (const auto &each : cases)
+        EXPECT_DEATH(each.get_stuck(), each.report);
 }
 
 #ifdef __SANITIZE_THREAD__
@@ -187,14 +140,9 @@ void write_without_a_lock()
 {
     SIM_Begin();
     int shared = 0;
-    {
-        SimulatedThread other("other", [&shared] {
-            OSA_ThreadSleep(1);
-            shared = 1;
-        });
-        OSA_ThreadSleep(2);
-        shared = 2;
-    }
+    const TestThread other("other", [&shared] { shared = 1; });
+    OSA_ThreadSleep(2);
+    shared = 2;
     std::exit(0);
 }
 

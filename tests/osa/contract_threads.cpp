@@ -1,0 +1,189 @@
+// What every layer promises of threads, mutexes, events and queues.
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+
+#include "tests/osa/layer.h"
+
+namespace
+{
+
+// Lets threads that count themselves in just before they wait get there.
+void let_them_wait(const std::atomic<uint32_t> &arrived, uint32_t number)
+{
+    while (arrived < number)
+        OSA_ThreadSleep(1);
+    OSA_ThreadSleep(200);
+}
+
+TEST_P(EverySchedule, AMutexIsRecursiveAndTimesOutForOthers)
+{
+    OSA_Mutex *mutex = OSA_MutexCreate();
+    EXPECT_EQ(OSA_MutexLock(mutex, OSA_WAIT_FOREVER), 0);
+    EXPECT_EQ(OSA_MutexLock(mutex, 0), 0);
+    EXPECT_EQ(OSA_MutexUnLock(mutex), 0);
+    OSA_Event *timed_out = OSA_EventCreate(0);
+    {
+        const TestThread other("other", [&] {
+            const uint64_t start = OSA_GetSystemTick();
+            EXPECT_NE(OSA_MutexLock(mutex, 0), 0);
+            EXPECT_NE(OSA_MutexLock(mutex, 30), 0);
+            EXPECT_TRUE(took(start, 30));
+            OSA_EventSend(timed_out);
+            EXPECT_EQ(OSA_MutexLock(mutex, 60'000), 0);
+            EXPECT_EQ(OSA_MutexUnLock(mutex), 0);
+        });
+        EXPECT_EQ(OSA_EventWait(timed_out, OSA_WAIT_FOREVER), 0);
+        OSA_ThreadSleep(20);
+        EXPECT_EQ(OSA_MutexUnLock(mutex), 0);
+    }
+    EXPECT_EQ(OSA_EventDestroy(timed_out), 0);
+    EXPECT_EQ(OSA_MutexDestroy(mutex), 0);
+}
+
+TEST_P(EverySchedule, AnEventLatchesOnceAndEachSendReleasesOneWaiter)
+{
+    OSA_Event *event = OSA_EventCreate(0);
+    EXPECT_NE(OSA_EventWait(event, 0), 0);
+    OSA_EventSend(event);
+    OSA_EventSend(event);
+    EXPECT_EQ(OSA_EventWait(event, OSA_WAIT_FOREVER), 0);
+    const uint64_t start = OSA_GetSystemTick();
+    EXPECT_NE(OSA_EventWait(event, 20), 0);
+    EXPECT_TRUE(took(start, 20));
+    OSA_EventSend(event);
+    EXPECT_EQ(OSA_EventWait(event, 0), 0) << "a wait that timed out takes no send";
+
+    std::atomic<uint32_t> arrived{0};
+    std::atomic<uint32_t> released{0};
+    const auto wait = [&] {
+        ++arrived;
+        EXPECT_EQ(OSA_EventWait(event, OSA_WAIT_FOREVER), 0);
+        ++released;
+    };
+    {
+        const TestThread waiters[] = {{"first", wait}, {"second", wait}, {"third", wait}};
+        let_them_wait(arrived, 3);
+        EXPECT_NE(OSA_EventDestroy(event), 0);
+        EXPECT_TRUE(complains("a thread waits for it"));
+        OSA_EventSend(event);
+        OSA_EventSend(event);
+        EXPECT_NE(OSA_EventWait(event, 0), 0) << "both sends are the waiters'";
+        while (released < 2)
+            OSA_ThreadSleep(1);
+        OSA_ThreadSleep(20);
+        EXPECT_EQ(released, 2u);
+        OSA_EventSend(event);
+    }
+    EXPECT_EQ(OSA_EventDestroy(event), 0);
+}
+
+TEST_P(EverySchedule, AQueuePopsNoLongerThanAskedAndLeavesTheSizeAlone)
+{
+    OSA_Queue *queue = OSA_QueueCreate("empty", 0);
+    uint32_t size = 99;
+    const uint64_t start = OSA_GetSystemTick();
+    EXPECT_EQ(OSA_QueuePop(queue, &size, 0), nullptr);
+    EXPECT_EQ(OSA_QueuePop(queue, &size, 30), nullptr);
+    EXPECT_TRUE(took(start, 30));
+    EXPECT_EQ(size, 99u);
+    EXPECT_NE(OSA_QueuePush(queue, nullptr, 1), 0);
+    EXPECT_TRUE(complains("nothing came"));
+    std::atomic<uint32_t> arrived{0};
+    {
+        const TestThread waiter("waiter", [&] {
+            ++arrived;
+            EXPECT_EQ(OSA_QueuePop(queue, nullptr, OSA_WAIT_FOREVER), &size);
+        });
+        let_them_wait(arrived, 1);
+        EXPECT_NE(OSA_QueueDestroy(queue), 0);
+        EXPECT_TRUE(complains("a thread waits for it"));
+        EXPECT_EQ(OSA_QueuePush(queue, &size, 1), 0);
+    }
+    EXPECT_EQ(OSA_QueuePush(queue, &size, 1), 0);
+    EXPECT_EQ(OSA_QueueDestroy(queue), 0) << "what is left is dropped";
+}
+
+// Two threads take and two give back; a block carries its user and number, which
+// another user would overwrite.
+TEST_P(EverySchedule, ThreadsThatRaceShareNoBlockAndNoLockAndLoseNoOrder)
+{
+    OSA_SMalloc_Init();
+    OSA_SMalloc_Register(kSize, "record");
+    OSA_Queue *queue = OSA_QueueCreate("blocks", 0);
+    OSA_Mutex *mutex = OSA_MutexCreate();
+    uint32_t counter = 0;
+    const auto produce = [queue](uint32_t user) {
+        for (uint32_t round = 1; round <= kLayer.rounds; ++round) {
+            uint32_t *block = static_cast<uint32_t *>(OSA_SMalloc(kSize));
+            EXPECT_EQ(*block, 0u);
+            *block = user << 16 | round;
+            EXPECT_EQ(OSA_QueuePush(queue, block, user), 0);
+        }
+    };
+    const auto consume = [&] {
+        uint32_t latest[2] = {};
+        for (uint32_t round = 0; round < kLayer.rounds; ++round) {
+            uint32_t user = 0;
+            uint32_t *block = static_cast<uint32_t *>(OSA_QueuePop(queue, &user, OSA_WAIT_FOREVER));
+            EXPECT_EQ(*block >> 16, user);
+            EXPECT_LT(latest[user], *block);
+            latest[user] = *block;
+            OSA_SFree(block, kSize);
+            EXPECT_EQ(OSA_MutexLock(mutex, OSA_WAIT_FOREVER), 0);
+            const uint32_t seen = counter;
+            OSA_GetSystemTick(); // the other thread's chance
+            counter = seen + 1;
+            EXPECT_EQ(OSA_MutexUnLock(mutex), 0);
+        }
+    };
+    {
+        const TestThread threads[] = {{"first producer", [&] { produce(0); }},
+                                      {"second producer", [&] { produce(1); }},
+                                      {"first consumer", consume},
+                                      {"second consumer", consume}};
+    }
+    EXPECT_EQ(counter, 2 * kLayer.rounds);
+    EXPECT_EQ(OSA_MutexDestroy(mutex), 0);
+    EXPECT_EQ(OSA_QueueDestroy(queue), 0);
+    OSA_SMalloc_Deinit();
+}
+
+struct Ending {
+    OSA_Queue *itself = OSA_QueueCreate("itself", 0);
+    bool destroyed = false;
+};
+
+TEST_P(EverySchedule, AThreadIsWaitedForAndNamedUntilItEndsItselfWhichItCannotDelete)
+{
+    Ending ending;
+    const OSA_ThreadEntry entry = [](void *argument) -> int32_t {
+        Ending &seen = *static_cast<Ending *>(argument);
+        void *self = OSA_QueuePop(seen.itself, nullptr, OSA_WAIT_FOREVER);
+        EXPECT_NE(OSA_ThreadDelete(static_cast<OSA_Thread *>(self), nullptr), 0);
+        const std::unique_ptr<bool, void (*)(bool *)> local(&seen.destroyed,
+                                                            [](bool *flag) { *flag = true; });
+        OSA_ThreadSleep(kLayer.slow_ms);
+        OSA_ThreadExit(-7);
+        ADD_FAILURE() << "came back";
+        return 1;
+    };
+    const uint64_t start = OSA_GetSystemTick();
+    OSA_Thread *thread = OSA_ThreadCreate("stuck", 0, 0, entry, &ending);
+    OSA_QueuePush(ending.itself, thread, 0);
+    int32_t status = 0;
+    EXPECT_EQ(OSA_ThreadDelete(thread, &status), 0);
+    EXPECT_TRUE(took(start, kLayer.slow_ms));
+    EXPECT_EQ(status, -7);
+    EXPECT_FALSE(ending.destroyed) << "an exit runs no destructors";
+    const std::string said = complaints();
+    EXPECT_NE(said.find("1 thread \"stuck\" cannot delete itself\n"), std::string::npos) << said;
+    EXPECT_NE(said.find("1 thread \"stuck\" does not end: waited 1 s"), std::string::npos) << said;
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1 + kLayer.slow_warnings) << said;
+    OSA_QueueDestroy(ending.itself);
+    OSA_ThreadExit(0);
+    EXPECT_TRUE(complains("thread")) << "which this layer did not create, and which goes on";
+}
+
+} // namespace

@@ -1,0 +1,151 @@
+// What the tests of both layers share: a run of the layer around each test, its
+// trace lines gathered, and no complaint and nothing alive left at the end.
+#ifndef TESTS_OSA_LAYER_H
+#define TESTS_OSA_LAYER_H
+
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "osa/osa_ext.h"
+
+// What differs between the layers. Each has a folder beside this one, with kLayer.
+struct LayerUnderTest {
+    void (*begin)(uint64_t seed);
+    void (*end)();
+    std::string (*misuses)();        // a line each, forgotten then
+    bool is_simulated;               // a wait takes its time and not a tick more
+    uint32_t rounds;                 // what threads that race do to be found out
+    uint32_t slow_ms, slow_warnings; // a thread's way to its end, and how often it is named
+};
+extern const LayerUnderTest kLayer;
+
+class Layer : public testing::Test
+{
+protected:
+    explicit Layer(uint64_t seed = 1)
+    {
+        kLayer.begin(seed);
+        OSA_TraceSetReceiver(receive, this);
+    }
+    ~Layer() override
+    {
+        EXPECT_EQ(complaints(), "");
+        OSA_TraceSetReceiver(nullptr, nullptr);
+        OSA_TraceSetLevel(OSA_TRACE_NOTICE);
+        const OSA_Alive left = alive();
+        EXPECT_TRUE(OSA_AliveIsNothing(&left));
+        kLayer.end();
+        for (const std::string &path : m_files)
+            unlink(path.c_str());
+    }
+
+    // The lines traced since the last call but for errors, "2 text": the level leads each.
+    std::string traced()
+    {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_traced, "");
+    }
+    // What the layer found wrong with its callers, or traced as an error, likewise.
+    std::string complaints()
+    {
+        const std::lock_guard lock(m_mutex);
+        return kLayer.misuses() + std::exchange(m_errors, "");
+    }
+    bool complains(const char *words)
+    {
+        const std::string said = complaints();
+        return said.find(words) != std::string::npos && said.find('\n') == said.size() - 1;
+    }
+
+    static OSA_Alive alive()
+    {
+        OSA_Alive counts;
+        OSA_AliveGet(&counts);
+        return counts;
+    }
+    static bool took(uint64_t start, uint32_t duration_ms)
+    {
+        const uint64_t elapsed = OSA_GetSystemTick() - start;
+        return kLayer.is_simulated ? elapsed == duration_ms : elapsed >= duration_ms;
+    }
+
+    static std::vector<void *> take(size_t number, uint32_t size = kSize)
+    {
+        std::vector<void *> blocks;
+        while (blocks.size() < number)
+            blocks.push_back(OSA_SMalloc(size));
+        return blocks;
+    }
+    static void give(const std::vector<void *> &blocks, uint32_t size = kSize)
+    {
+        for (void *block : blocks)
+            OSA_SFree(block, size);
+    }
+
+    // The path of a file of this test.
+    std::string path_of(const char *name)
+    {
+        return *m_files.insert(testing::TempDir() + "osa_" + std::to_string(getpid()) + name).first;
+    }
+
+    static constexpr uint32_t kSize = 200; // of the blocks in most tests of pools
+
+private:
+    static void receive(void *user, const OSA_TraceRecord *record)
+    {
+        Layer &self = *static_cast<Layer *>(user);
+        const std::lock_guard lock(self.m_mutex);
+        const std::string line = std::to_string(record->level) + " " + record->text;
+        (record->level == OSA_TRACE_ERROR ? self.m_errors : self.m_traced) += line;
+    }
+
+    std::mutex m_mutex;
+    std::string m_traced;
+    std::string m_errors;
+    std::set<std::string> m_files;
+};
+
+// What osa.h promises of every layer: what hangs on the schedule in each of many,
+// where the layer has them.
+using Contract = Layer;
+
+class EverySchedule : public Layer, public testing::WithParamInterface<uint64_t>
+{
+protected:
+    EverySchedule() : Layer(GetParam()) {}
+};
+
+// A thread of the layer, joined when it goes.
+class TestThread
+{
+public:
+    TestThread(const char *name, std::function<void()> body)
+        : m_body(std::move(body)), m_thread(OSA_ThreadCreate(name, 0, 0, run, this))
+    {
+    }
+    ~TestThread()
+    {
+        OSA_ThreadDelete(m_thread, nullptr);
+    }
+    TestThread(const TestThread &) = delete;
+    TestThread &operator=(const TestThread &) = delete;
+
+private:
+    static int32_t run(void *self)
+    {
+        static_cast<TestThread *>(self)->m_body();
+        return 0;
+    }
+
+    std::function<void()> m_body;
+    OSA_Thread *m_thread;
+};
+
+#endif
