@@ -1,28 +1,16 @@
 // The base sink: throughput, the wait for the clock, messages, events. And the
 // base filter's fixed answers.
 
-#include <gtest/gtest.h>
-
 #include "tests/core/on_stage.h"
 
 namespace
 {
 
 // A sink in a pipe, with buffers handed to it directly.
-class Sink : public ::testing::Test
+class Sink : public OnePipe
 {
 protected:
-    void SetUp() override
-    {
-        nox_pipe_add_plugin(pipe, sink);
-        inbox.attach(pipe);
-    }
-
-    void TearDown() override
-    {
-        nox_object_delete(pipe);
-        EXPECT_EQ("", stage.end());
-    }
+    Sink() : OnePipe({.first_tick = 123}) {}
 
     int32_t render(uint64_t timestamp, uint32_t bytes = 0)
     {
@@ -38,10 +26,7 @@ protected:
     // `elapsed` ms, the first at its beginning; the report's line.
     std::string report_of(uint32_t count, uint64_t elapsed, uint32_t bytes)
     {
-        auto *base = reinterpret_cast<NOXBaseSink *>(sink);
-        base->firstts = 0;
-        base->frames = 0;
-        base->bytes = 0;
+        base->firstts = base->bytes = base->frames = 0;
         SIM_TraceClear();
         for (uint32_t i = 0; i + 1 < count; ++i)
             render(40 + i, bytes);
@@ -52,18 +37,9 @@ protected:
         return "";
     }
 
-    NOXBaseSink *base()
-    {
-        return reinterpret_cast<NOXBaseSink *>(sink);
-    }
-
-    Stage stage{{.first_tick = 123}};
-    NOXPipe *pipe = nox_pipe_new("display");
-    NOXPlugin *sink = new_sink("k");
-    Inbox inbox;
+    NOXPlugin *sink = member(new_sink("k"));
+    NOXBaseSink *base = reinterpret_cast<NOXBaseSink *>(sink);
 };
-
-} // namespace
 
 TEST_F(Sink, PrintsItsThroughputEveryFiveSecondsOfStreamTime)
 {
@@ -85,8 +61,8 @@ TEST_F(Sink, MarksRatesHalfAboveTheirTargets)
     nox_structure_putvar1(NOX_TYPE_INT32, format, "targetfps", 0, 30);
     nox_structure_putvar1(NOX_TYPE_INT32, format, "targetbps", 0, -1);
     EXPECT_EQ(0, nox_plugin_setformat(sink, format));
-    EXPECT_EQ(nullptr, base()->rateoutvar) << "no bytes to write to";
-    EXPECT_EQ(0, base()->targetbps);
+    EXPECT_EQ(nullptr, base->rateoutvar) << "no bytes to write to";
+    EXPECT_EQ(0, base->targetbps);
     nox_structure_putvar_void(format, "rateoutvar", sizeof(rate), &address);
     nox_plugin_setformat(sink, format);
     nox_object_delete(format);
@@ -129,30 +105,22 @@ TEST_F(Sink, NeverSleepsForAWrappedDifferenceWhenTheClockJumps)
     nox_timer_start(pipe->clock);
     nox_timer_settime_absolute(pipe->clock, 1000);
     for (int round = 0; round < 20; ++round) {
-        // Another thread moves the clock while the sink reads it.
-        OSA_Thread *mover = OSA_ThreadCreate(
-            "mover", 0, 0,
-            [](void *clock) {
-                for (uint64_t time : {uint64_t{5000}, uint64_t{1}, uint64_t{900'000}})
-                    nox_timer_settime_absolute(static_cast<NOXTimer *>(clock), time);
-                return 0;
-            },
-            pipe->clock);
+        Worker mover([this] { // while the sink reads the clock
+            for (uint64_t time : {5000u, 1u, 900'000u})
+                nox_timer_settime_absolute(pipe->clock, time);
+        });
         const uint64_t before = SIM_Tick();
         render(1500);
         EXPECT_LE(SIM_Tick() - before, 1500u);
-        OSA_ThreadDelete(mover, nullptr);
     }
 }
 
 TEST(SinkAndClock, ASinkThatWaitsWhileThePipeStartsSeesNoReadingFromBefore)
 {
     constexpr uint64_t kTick = 1'000'000; // what the clock reads after nox_pipe_start
-    for (uint64_t seed = 1; seed <= 40; ++seed) {
-        Stage stage({.seed = seed, .first_tick = kTick});
-        NOXPipe *pipe = nox_pipe_new("display");
+    const auto start_meanwhile = [] {
         NOXPlugin *sink = new_sink("k");
-        nox_pipe_add_plugin(pipe, sink);
+        NOXPipe *pipe = new_pipe({{sink}});
         set_option(sink, NOX_TYPE_BOOL, "sync", 1);
         {
             Worker pusher([sink] {
@@ -164,76 +132,54 @@ TEST(SinkAndClock, ASinkThatWaitsWhileThePipeStartsSeesNoReadingFromBefore)
             OSA_ThreadSleep(20);
             EXPECT_EQ(0, nox_pipe_start(pipe));
         }
-        EXPECT_LE(SIM_Tick(), kTick + 50) << "seed " << seed;
+        EXPECT_LE(SIM_Tick(), kTick + 50);
         nox_pipe_stop(pipe);
         nox_object_delete(pipe);
-        EXPECT_EQ("", stage.end());
-    }
+    };
+    under_seeds(40, start_meanwhile, {.first_tick = kTick});
 }
 
 TEST_F(Sink, WaitsForTheClockToStart)
 {
     set_option(sink, NOX_TYPE_BOOL, "sync", 1);
-    base()->discont = 1;
-    OSA_Thread *starter = OSA_ThreadCreate(
-        "starter", 0, 0,
-        [](void *clock) {
-            OSA_ThreadSleep(3000);
-            nox_timer_start(static_cast<NOXTimer *>(clock));
-            return 0;
-        },
-        pipe->clock);
+    base->discont = 1;
+    Worker starter([this] {
+        OSA_ThreadSleep(3000);
+        nox_timer_start(pipe->clock);
+    });
     const uint64_t before = SIM_Tick();
     render(200);
     EXPECT_EQ(3200u, SIM_Tick() - before);
-    EXPECT_EQ(0, base()->discont);
-    OSA_ThreadDelete(starter, nullptr);
+    EXPECT_EQ(0, base->discont);
 }
 
-TEST(SinkAndSource, APauseReachesASourceWhoseSinkWaitsForAClockThatStandsAtZero)
+TEST_F(Sink, ThatWaitsForAClockThatStandsAtZeroLetsItsSourcePause)
 {
-    Stage stage;
-    NOXPipe *pipe = nox_pipe_new("player");
-    NOXPlugin *source = new_source("s");
-    NOXPlugin *sink = new_sink("k");
-    nox_pipe_add_plugin_many(pipe, source, sink, nullptr);
-    nox_plugin_link(source, sink);
+    nox_plugin_link(member(new_source("s")), sink);
     set_option(sink, NOX_TYPE_BOOL, "sync", 1);
     nox_timer_set_rate(pipe->clock, 0);
-    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
+    to(NOX_STATE_PLAY);
     OSA_ThreadSleep(200);
     const uint32_t held = script("k").taken;
     EXPECT_LE(held, 1u) << "but for one that the start of the clock lets through";
-    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PAUSE));
+    to(NOX_STATE_PAUSE);
     nox_timer_set_rate(pipe->clock, 1);
-    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
+    to(NOX_STATE_PLAY);
     OSA_ThreadSleep(200);
     EXPECT_GT(script("k").taken, held + 2);
-    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_NULL));
-    nox_object_delete(pipe);
-    EXPECT_EQ("", stage.end());
 }
 
-TEST(SinkAndSource, AStopReachesASourceWhoseSinkWaitsForAClockThatNeverStarts)
+TEST_F(Sink, ThatWaitsForAClockThatNeverStartsLetsItsSourceStop)
 {
-    Stage stage;
-    NOXPipe *pipe = nox_pipe_new("player");
     script("s").live = false;
-    NOXPlugin *source = new_source("s");
-    NOXPlugin *broken = new_source("broken");
-    NOXPlugin *sink = new_sink("k");
-    NOXPlugin *other = new_sink("k2");
-    nox_pipe_add_plugin_many(pipe, source, broken, sink, other, nullptr);
-    nox_plugin_link(source, sink);
-    nox_plugin_link(broken, other);
+    nox_plugin_link(member(new_source("s")), sink);
+    nox_plugin_link(member(new_source("broken")), member(new_sink("k2")));
     set_option(sink, NOX_TYPE_BOOL, "sync", 1);
     script("broken").start_result = -1;
     EXPECT_EQ(-1, nox_pipe_set_state(pipe, NOX_STATE_PLAY)) << "so the clock is not started";
     OSA_ThreadSleep(1000);
     EXPECT_EQ(0u, script("k").taken);
-    EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_NULL));
-    nox_object_delete(pipe);
-    EXPECT_EQ("", stage.end());
+    to(NOX_STATE_NULL);
 }
 
 TEST_F(Sink, ReportsItsFirstDataOnce)
@@ -242,7 +188,7 @@ TEST_F(Sink, ReportsItsFirstDataOnce)
     render(1);
     OSA_ThreadSleep(10);
     EXPECT_TRUE(inbox.messages().empty()) << "with neither verbose nor sync";
-    base()->sync_func = [](NOXBaseSink *, NOXBuffer *) {};
+    base->sync_func = [](NOXBaseSink *, NOXBuffer *) {};
     set_option(sink, NOX_TYPE_BOOL, "sync", 1);
     render(1);
     render(2);
@@ -256,33 +202,26 @@ TEST_F(Sink, ReportsItsFirstDataOnce)
               inbox.messages());
 }
 
-TEST_F(Sink, EventsAreRecordedWhateverTheDerivedSinkAnswers)
+TEST_F(Sink, EventsAreRecordedWhateverTheDerivedSinkAnswersAsItLeavesThem)
 {
     script("k").event_result = 6;
     render(1);
     EXPECT_EQ(1, nox_basesink_get_dataready(sink));
-    NOXEvent stopping{nullptr, NOX_EVENT_STOPPING};
+    NOXEvent stopping{nullptr, NOX_EVENT_STOPPING}, eos{nullptr, NOX_EVENT_EOS};
     EXPECT_EQ(6, nox_plugin_setevent(sink, &stopping));
     EXPECT_EQ(0, nox_basesink_get_dataready(sink));
-    EXPECT_EQ(1, base()->discont);
-    NOXEvent eos{nullptr, NOX_EVENT_EOS};
+    EXPECT_EQ(1, base->discont);
+    // A derived sink may swallow an event, or make another of it.
+    base->event_func = [](NOXBaseSink *, NOXEvent *event) -> int32_t {
+        event->type = event->type == NOX_EVENT_EOS ? 100 : NOX_EVENT_EOS;
+        return 6;
+    };
+    EXPECT_EQ(6, nox_plugin_setevent(sink, &eos));
+    EXPECT_EQ(0, nox_basesink_get_eos(sink));
     EXPECT_EQ(6, nox_plugin_setevent(sink, &eos));
     EXPECT_EQ(1, nox_basesink_get_eos(sink));
     OSA_ThreadSleep(10);
     EXPECT_EQ(1u, inbox.count(NOX_MSG_EOS));
-}
-
-TEST_F(Sink, ADerivedSinkMaySwallowAnEventOrMakeAnother)
-{
-    base()->event_func = [](NOXBaseSink *, NOXEvent *event) -> int32_t {
-        event->type = event->type == NOX_EVENT_EOS ? 100 : NOX_EVENT_EOS;
-        return 0;
-    };
-    NOXEvent event{nullptr, NOX_EVENT_EOS};
-    EXPECT_EQ(0, nox_plugin_setevent(sink, &event));
-    EXPECT_EQ(0, nox_basesink_get_eos(sink));
-    EXPECT_EQ(0, nox_plugin_setevent(sink, &event));
-    EXPECT_EQ(1, nox_basesink_get_eos(sink));
 }
 
 TEST_F(Sink, CannotStartWithoutARenderFunctionAndIgnoresTheDerivedResults)
@@ -290,14 +229,15 @@ TEST_F(Sink, CannotStartWithoutARenderFunctionAndIgnoresTheDerivedResults)
     script("k").start_result = -1;
     EXPECT_EQ(0, nox_plugin_start(sink));
     EXPECT_EQ(0, nox_plugin_stop(sink));
-    base()->render_func = nullptr;
+    base->render_func = nullptr;
     EXPECT_EQ(-1, nox_plugin_start(sink));
     EXPECT_EQ(1u, SIM_TraceCount("must be declaration render function\n", 1));
 }
 
-TEST(Filter, AnswersForAMissingFunctionAndTurnsFailuresIntoMinusOne)
+using Filter = OnStage;
+
+TEST_F(Filter, AnswersForAMissingFunctionAndTurnsFailuresIntoMinusOne)
 {
-    Stage stage;
     NOXPlugin *plugin = new_filter("f");
     auto *filter = reinterpret_cast<NOXBaseFilter *>(plugin);
     NOXEvent event{nullptr, NOX_EVENT_RESET};
@@ -322,5 +262,6 @@ TEST(Filter, AnswersForAMissingFunctionAndTurnsFailuresIntoMinusOne)
     EXPECT_EQ(nullptr, plugin->getallocator_func(plugin));
     nox_object_delete(plugin);
     EXPECT_EQ(1u, SIM_TraceCount("name(f) finalize error\n", 1));
-    EXPECT_EQ("", stage.end());
 }
+
+} // namespace

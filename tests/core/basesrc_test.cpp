@@ -1,8 +1,6 @@
 // The base source: options, its thread, timestamps, and the error policies.
 
-#include <gtest/gtest.h>
-
-#include "tests/support/stage.h"
+#include "tests/core/on_stage.h"
 
 namespace
 {
@@ -10,27 +8,17 @@ namespace
 constexpr int64_t kDontCare = 0xFFFFFFFF;
 
 // One source, "s", linked to one sink, "k", in a pipe.
-class Source : public ::testing::Test
+class Source : public OnePipe
 {
 protected:
-    // After the script is written.
-    void build()
+    Source()
     {
-        source = new_source("s");
-        sink = new_sink("k");
-        nox_pipe_add_plugin_many(pipe, source, sink, nullptr);
         nox_plugin_link(source, sink);
-        inbox.attach(pipe);
         script("k").take = [this](NOXBuffer *buffer) {
             std::lock_guard lock(mutex);
             timestamps.push_back(nox_buffer_get_timestamp(buffer));
             return 0;
         };
-    }
-
-    void play()
-    {
-        EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
     }
 
     // Creates whatever `steps` says, one letter each: b a buffer, - none; then none.
@@ -49,29 +37,15 @@ protected:
         set_option(source, NOX_TYPE_UINT32, "errcount", errcount);
     }
 
-    NOXBaseSrc *base()
-    {
-        return reinterpret_cast<NOXBaseSrc *>(source);
-    }
-
     std::vector<uint64_t> seen()
     {
         std::lock_guard lock(mutex);
         return timestamps;
     }
 
-    void TearDown() override
-    {
-        nox_pipe_set_state(pipe, NOX_STATE_NULL);
-        nox_object_delete(pipe);
-        EXPECT_EQ("", stage.end());
-    }
-
-    Stage stage;
-    NOXPipe *pipe = nox_pipe_new("camera");
-    NOXPlugin *source = nullptr;
-    NOXPlugin *sink = nullptr;
-    Inbox inbox;
+    NOXPlugin *source = member(new_source("s"));
+    NOXPlugin *sink = member(new_sink("k"));
+    NOXBaseSrc *base = reinterpret_cast<NOXBaseSrc *>(source);
     std::mutex mutex;
     std::vector<uint64_t> timestamps;
 };
@@ -82,13 +56,10 @@ const Posted kRecovered{"s", NOX_MSG_STARTED, "Recovered from error"};
 const Posted kCaptureError{"s", NOX_MSG_CAPTURE_ERROR, "capture failed! (runtime)"};
 const Posted kPipeEos{"k", NOX_MSG_EOS, "EOS.\n"};
 
-} // namespace
-
 TEST_F(Source, ReadsItsOptionsAndLeavesTheRestAlone)
 {
-    build();
-    EXPECT_EQ(0x20000u, base()->stacksize);
-    EXPECT_EQ(1, base()->waitallsrc);
+    EXPECT_EQ(0x20000u, base->stacksize);
+    EXPECT_EQ(1, base->waitallsrc);
     NOXStructure *empty = nox_structure_new("empty");
     SIM_TraceClear();
     EXPECT_EQ(0, nox_plugin_setformat(source, empty));
@@ -97,14 +68,14 @@ TEST_F(Source, ReadsItsOptionsAndLeavesTheRestAlone)
     EXPECT_EQ(1u, SIM_TraceCount("on-error  (0:QUIT)\n", 2));
 
     set_option(source, NOX_TYPE_BOOL, "asyncstart", 1);
-    EXPECT_EQ(0, base()->waitallsrc);
+    EXPECT_EQ(0, base->waitallsrc);
     set_option(source, NOX_TYPE_UINT32, "errhandle", kDontCare);
-    EXPECT_EQ(NOX_ERRHANDLE_DONT_CARE, base()->errhandle);
+    EXPECT_EQ(NOX_ERRHANDLE_DONT_CARE, base->errhandle);
     EXPECT_EQ(1u, SIM_TraceCount("on-error  (-1:DONT_CARE)\n", 2));
     set_option(source, NOX_TYPE_UINT32, "errhandle", 7);
     EXPECT_EQ(1u, SIM_TraceCount("on-error  (7:NONE(QUIT))\n", 2));
     set_option(source, NOX_TYPE_INT32, "maxframes", 9);
-    EXPECT_EQ(0u, base()->maxframes) << "of another type: not read";
+    EXPECT_EQ(0u, base->maxframes) << "of another type: not read";
     SIM_TraceClear();
     set_option(source, NOX_TYPE_BOOL, "islive", 0);
     EXPECT_EQ(0u, SIM_TraceCount("on-error"));
@@ -112,21 +83,20 @@ TEST_F(Source, ReadsItsOptionsAndLeavesTheRestAlone)
         EXPECT_EQ(line.source == "noxbasesrc" ? "s" : line.source, line.module);
 }
 
-TEST_F(Source, StartFailsWithoutACreateFunctionALinkOrAWillingDevice)
+TEST_F(Source, StartFailsWithoutACreateFunctionALinkAWillingDeviceOrMemory)
 {
-    build();
-    auto create = base()->create_func;
-    base()->create_func = nullptr;
+    auto create = base->create_func;
+    base->create_func = nullptr;
     EXPECT_EQ(-1, nox_plugin_start(source));
     EXPECT_EQ(1u, SIM_TraceCount("must be declaration create function\n", 1));
     EXPECT_EQ(0u, script("s").started);
-    base()->usethread = 0;
+    base->usethread = 0;
     EXPECT_EQ(0, nox_plugin_start(source)) << "it produces in a context of its own";
-    EXPECT_EQ(nullptr, base()->thread);
+    EXPECT_EQ(nullptr, base->thread);
     EXPECT_EQ(0, nox_plugin_start(source)) << "and again, without a second pause event";
     EXPECT_EQ(0, nox_plugin_stop(source));
-    base()->usethread = 1;
-    base()->create_func = create;
+    base->usethread = 1;
+    base->create_func = create;
 
     script("s").start_result = 5;
     EXPECT_EQ(-1, nox_plugin_start(source));
@@ -136,34 +106,28 @@ TEST_F(Source, StartFailsWithoutACreateFunctionALinkOrAWillingDevice)
     EXPECT_EQ(-1, nox_plugin_start(source));
     EXPECT_EQ(1u, SIM_TraceCount("not linked\n", 1) - SIM_TraceCount("is not linked\n", 1));
     source->next = sink;
-
-    EXPECT_EQ(0, nox_plugin_start(source));
-    OSA_Thread *thread = base()->thread;
-    EXPECT_EQ(0, nox_plugin_start(source));
-    EXPECT_EQ(thread, base()->thread);
-    EXPECT_EQ(1u, SIM_TraceCount("thread already started(", 1));
-    nox_plugin_stop(source);
-}
-
-TEST_F(Source, AStartWhoseThreadOrPauseEventCannotBeMadeLeavesNoThread)
-{
-    build();
-    for (uint64_t n = 1; n <= 2; ++n) {
+    for (uint64_t n : {1u, 2u}) { // the thread, the pause event
         SIM_FailNth(SIM_FallibleCount() + n);
         EXPECT_EQ(-1, nox_plugin_start(source));
         SIM_FailNone();
-        EXPECT_EQ(nullptr, base()->thread);
+        EXPECT_EQ(nullptr, base->thread);
         nox_plugin_stop(source);
     }
     EXPECT_EQ(1u, SIM_TraceCount("base src thread create failed\n", 1));
     EXPECT_EQ(1u, SIM_TraceCount("pause event create failed\n", 1));
+
+    EXPECT_EQ(0, nox_plugin_start(source));
+    OSA_Thread *thread = base->thread;
+    EXPECT_EQ(0, nox_plugin_start(source));
+    EXPECT_EQ(thread, base->thread);
+    EXPECT_EQ(1u, SIM_TraceCount("thread already started(", 1));
+    nox_plugin_stop(source);
 }
 
 TEST_F(Source, EndsItsStreamAfterTheFrameLimit)
 {
-    build();
     set_option(source, NOX_TYPE_UINT32, "maxframes", 3);
-    play();
+    to(NOX_STATE_PLAY);
     EXPECT_TRUE(wait_until([this] { return inbox.count(NOX_MSG_EOS) == 1; }));
     OSA_ThreadSleep(1000);
     EXPECT_EQ((Messages{kStarted, kPipeEos}), inbox.messages());
@@ -173,10 +137,9 @@ TEST_F(Source, EndsItsStreamAfterTheFrameLimit)
 
 TEST_F(Source, ASourceThatIsNotLiveEndsOnceAndIsAskedAgainUntilStopped)
 {
-    script("s").live = false;
+    base->islive = 0;
     create_by("bb");
-    build();
-    play();
+    to(NOX_STATE_PLAY);
     EXPECT_TRUE(wait_until([] { return script("s").created == 8; }));
     EXPECT_EQ((std::vector<uint64_t>{0, 0}), seen()) << "not stamped";
     EXPECT_EQ(Messages{kPipeEos}, inbox.messages());
@@ -185,7 +148,6 @@ TEST_F(Source, ASourceThatIsNotLiveEndsOnceAndIsAskedAgainUntilStopped)
 
 TEST_F(Source, StampsWithTheClockAndRepairsAReversal)
 {
-    build();
     script("s").create = [this](NOXBaseSrc *) -> NOXBuffer * {
         OSA_ThreadSleep(10);
         const uint32_t step = script("s").created++;
@@ -196,7 +158,7 @@ TEST_F(Source, StampsWithTheClockAndRepairsAReversal)
         return step < 5 ? nox_buffer_new(1) : nullptr;
     };
     SIM_TickSet(20'000);
-    play();
+    to(NOX_STATE_PLAY);
     nox_timer_settime_absolute(pipe->clock, 20'000);
     EXPECT_TRUE(wait_until([] { return script("k").taken == 5; }));
     const std::vector<uint64_t> stamps = seen();
@@ -207,7 +169,6 @@ TEST_F(Source, StampsWithTheClockAndRepairsAReversal)
 
 TEST_F(Source, KeepsPrivateTimestampsUnlessTheyRunBackwards)
 {
-    build();
     set_option(source, NOX_TYPE_BOOL, "privatets", 1);
     script("s").create = [](NOXBaseSrc *) -> NOXBuffer * {
         constexpr uint64_t kStamps[] = {4000, 7000, 6000, 6900, 9000};
@@ -218,7 +179,7 @@ TEST_F(Source, KeepsPrivateTimestampsUnlessTheyRunBackwards)
             nox_buffer_set_timestamp(buffer, kStamps[step]);
         return buffer;
     };
-    play();
+    to(NOX_STATE_PLAY);
     EXPECT_TRUE(wait_until([] { return script("k").taken == 5; }));
     EXPECT_EQ((std::vector<uint64_t>{4000, 7000, 7001, 7002, 9000}), seen());
     EXPECT_EQ(1u, SIM_TraceCount("Reversed timestamp prev(7000) cur(6000)\n", 1));
@@ -227,13 +188,9 @@ TEST_F(Source, KeepsPrivateTimestampsUnlessTheyRunBackwards)
 
 TEST_F(Source, HoldsItsFirstBufferBackUntilEverySourceHasData)
 {
-    build();
     script("slow").interval_ms = 500;
-    NOXPlugin *slow = new_source("slow");
-    NOXPlugin *slow_sink = new_sink("k2");
-    nox_pipe_add_plugin_many(pipe, slow, slow_sink, nullptr);
-    nox_plugin_link(slow, slow_sink);
-    play();
+    nox_plugin_link(member(new_source("slow")), member(new_sink("k2")));
+    to(NOX_STATE_PLAY);
     EXPECT_TRUE(wait_until([] { return script("k2").taken >= 1; }));
     EXPECT_GT(script("s").created, 10u);
     EXPECT_LE(script("k").taken, 3u) << "what came before was dropped";
@@ -261,7 +218,6 @@ TEST_F(Source, PoliciesAnswerCaptureFailuresAsDocumented)
         {NOX_ERRHANDLE_RETRY, 2, "b---bb", {kStarted, kCaptureError, kRecovered}, false},
         {kDontCare, 0, "b--bb", {kStarted}, false},
     };
-    build();
     for (const Case &test : cases) {
         SCOPED_TRACE(std::to_string(test.errhandle) + " " + test.steps);
         Inbox own;
@@ -277,7 +233,7 @@ TEST_F(Source, PoliciesAnswerCaptureFailuresAsDocumented)
             return test.steps[script("s").created++] == 'b' ? nox_buffer_new(1) : nullptr;
         };
         policy(test.errhandle, test.errcount);
-        play();
+        to(NOX_STATE_PLAY);
         OSA_ThreadSleep(3000);
         EXPECT_EQ(test.messages, own.messages());
         EXPECT_EQ(test.ends, nox_basesrc_get_eos(source) == 1);
@@ -289,21 +245,18 @@ TEST_F(Source, PoliciesAnswerCaptureFailuresAsDocumented)
 
 TEST_F(Source, AFailingPushEndsTheThreadAndIsPosted)
 {
+    script("k").take = [](NOXBuffer *) { return 4; };
     for (bool live : {true, false}) {
-        script("s").live = live;
-        if (source == nullptr)
-            build();
         set_option(source, NOX_TYPE_BOOL, "islive", live);
-        script("k").take = [](NOXBuffer *) { return 4; };
         Inbox own;
         own.attach(pipe);
-        play();
+        to(NOX_STATE_PLAY);
         OSA_ThreadSleep(500);
         const Posted expected = live ? Posted{"s", NOX_MSG_PUSH_ERROR, "cannot push data"}
                                      : Posted{"s", NOX_MSG_EOS, "EOS (internal pushing error)\n"};
         ASSERT_FALSE(own.messages().empty());
         EXPECT_EQ(expected, own.messages().back());
-        nox_pipe_set_state(pipe, NOX_STATE_NULL);
+        to(NOX_STATE_NULL);
         inbox.attach(pipe);
     }
     EXPECT_EQ(2u, SIM_TraceCount("cannot push to [k] ret(4)", 1));
@@ -311,11 +264,10 @@ TEST_F(Source, AFailingPushEndsTheThreadAndIsPosted)
 
 TEST_F(Source, ALonelyRestartWaitsForFourSecondsAndGoesOn)
 {
-    build();
     create_by("b-bb");
     policy(NOX_ERRHANDLE_RESTART, 0);
     const uint64_t before = SIM_Tick();
-    play();
+    to(NOX_STATE_PLAY);
     EXPECT_TRUE(wait_until([this] { return inbox.messages().size() >= 3; }));
     EXPECT_GE(SIM_Tick() - before, 4000u);
     Messages first = inbox.messages();
@@ -326,11 +278,8 @@ TEST_F(Source, ALonelyRestartWaitsForFourSecondsAndGoesOn)
 
 TEST_F(Source, AGroupStopsTogetherAndStartsTogether)
 {
-    build();
-    NOXPlugin *other = new_source("o");
-    NOXPlugin *other_sink = new_sink("k2");
-    nox_pipe_add_plugin_many(pipe, other, other_sink, nullptr);
-    nox_plugin_link(other, other_sink);
+    NOXPlugin *other = member(new_source("o"));
+    nox_plugin_link(other, member(new_sink("k2")));
     NOXPluginGroup *group = nox_plugin_group_new();
     nox_plugin_group_add(group, source);
     nox_plugin_group_add(group, other);
@@ -340,28 +289,26 @@ TEST_F(Source, AGroupStopsTogetherAndStartsTogether)
     // others, which look every 100 ms, see that all do.
     script("s").start_ms = script("o").start_ms = 150;
     create_by("bbbb-bbbbbbbbbbbb");
-    script("o").create = [](NOXBaseSrc *base) -> NOXBuffer * {
+    std::atomic<uint32_t> asked{0};
+    script("o").create = [&asked](NOXBaseSrc *other_base) -> NOXBuffer * {
         OSA_ThreadSleep(20);
-        std::atomic_ref<uint8_t> asked(base->restartreq);
-        if (asked.exchange(0) != 0) {
-            ++script("o").restarts_asked;
-            return nullptr; // fails as well, so that the whole group restarts
-        }
-        return nox_buffer_new(1);
+        if (std::atomic_ref(other_base->restartreq).exchange(0) == 0)
+            return nox_buffer_new(1);
+        ++asked;
+        return nullptr; // fails as well, so that the whole group restarts
     };
-    play();
+    to(NOX_STATE_PLAY);
     EXPECT_TRUE(wait_until([] { return script("s").created > 8; }, 3000));
-    EXPECT_EQ(1u, script("o").restarts_asked);
+    EXPECT_EQ(1u, asked);
     EXPECT_EQ(2u, script("s").started);
     EXPECT_EQ(2u, script("o").started);
     EXPECT_EQ(0u, SIM_TraceCount("other source has no problem"));
-    nox_pipe_set_state(pipe, NOX_STATE_NULL);
+    to(NOX_STATE_NULL);
     nox_plugin_group_delete(group);
 }
 
 TEST_F(Source, AFailingEventIsAnEndOfStreamOnlyWhenNotLive)
 {
-    build();
     script("s").event_result = 3;
     NOXEvent event{nullptr, NOX_EVENT_RESET};
     EXPECT_EQ(3, nox_plugin_setevent(source, &event));
@@ -373,12 +320,13 @@ TEST_F(Source, AFailingEventIsAnEndOfStreamOnlyWhenNotLive)
 
 TEST_F(Source, StoppedOnItsOwnThreadItSaysSoAndIsJoinedLater)
 {
-    build();
     script("s").create = [this](NOXBaseSrc *) -> NOXBuffer * {
         nox_plugin_stop(source);
         return nullptr;
     };
-    play();
+    to(NOX_STATE_PLAY);
     OSA_ThreadSleep(1000);
     EXPECT_EQ(1u, SIM_TraceCount("src(s) stopped on its own thread\n", 1));
 }
+
+} // namespace

@@ -1,5 +1,5 @@
-// What the tests of single modules share: a stage that must end clean, a sweep
-// over faults, and exact trace lines.
+// What the tests of single modules share: a stage, with a pipe or without, runs under
+// many seeds and with every fault, and exact trace lines.
 #ifndef TESTS_CORE_ON_STAGE_H
 #define TESTS_CORE_ON_STAGE_H
 
@@ -19,13 +19,67 @@ using Log = std::vector<std::string>;
 class OnStage : public testing::Test
 {
 protected:
-    explicit OnStage(bool initialise = true) : stage({}, initialise) {}
+    explicit OnStage(const SIM_Options &options = {}, bool initialise = true)
+        : stage(options, initialise)
+    {
+    }
+    // Deleted, in the order of keeping, when the test has ended.
+    template <typename Object>
+    Object *keep(Object *object)
+    {
+        m_kept.push_back(object);
+        return object;
+    }
     void TearDown() override
     {
-        EXPECT_EQ("", stage.end());
+        for (void *object : m_kept)
+            nox_object_delete(object);
     }
     Stage stage;
+
+private:
+    std::vector<void *> m_kept;
 };
+
+// With a pipe, which is brought to NULL and deleted when the test has ended.
+class OnePipe : public OnStage
+{
+protected:
+    using OnStage::OnStage;
+    void SetUp() override
+    {
+        inbox.attach(pipe);
+    }
+    void TearDown() override
+    {
+        log_enabled = false;
+        nox_pipe_set_state(pipe, NOX_STATE_NULL);
+        nox_object_delete(pipe);
+        OnStage::TearDown();
+    }
+    NOXPlugin *member(NOXPlugin *plugin)
+    {
+        nox_pipe_add_plugin(pipe, plugin);
+        return plugin;
+    }
+    void to(int32_t state)
+    {
+        EXPECT_EQ(0, nox_pipe_set_state(pipe, state));
+    }
+    NOXPipe *pipe = nox_pipe_new("player");
+    Inbox inbox;
+};
+
+// One run for each seed, to the first that fails.
+template <typename Story>
+void under_seeds(uint64_t seeds, Story story, SIM_Options options = {})
+{
+    for (options.seed = 1; options.seed <= seeds && !testing::Test::HasFailure(); ++options.seed) {
+        SCOPED_TRACE("seed " + std::to_string(options.seed));
+        Stage stage(options);
+        story();
+    }
+}
 
 // Runs the scenario once for each fallible call it makes, that call failing, and
 // at last without a fault; each time in a run of its own that must end clean.

@@ -1,26 +1,30 @@
 // Pausing: whatever the schedule, a pause parks the source, and only leaving the
 // pause lets it go on.
 
-#include <gtest/gtest.h>
-
-#include "tests/support/stage.h"
+#include "tests/core/on_stage.h"
 
 namespace
 {
 
 constexpr uint64_t kSeeds = 150;
 
-// A source and a sink in a pipe, under one seed.
+// A source and a sink in a pipe, which ends by a stop after which nothing arrives.
 struct Player {
-    explicit Player(uint64_t seed, bool live = true) : stage({.seed = seed})
+    explicit Player(bool live = true)
     {
         script("s").live = live;
         script("s").interval_ms = 2;
         source = new_source("s");
         sink = new_sink("k");
-        pipe = nox_pipe_new("player");
-        nox_pipe_add_plugin_many(pipe, source, sink, nullptr);
-        nox_plugin_link(source, sink);
+        pipe = new_pipe({{source, sink}});
+    }
+    Player(const Player &) = delete;
+    Player &operator=(const Player &) = delete;
+    ~Player()
+    {
+        to(NOX_STATE_NULL);
+        EXPECT_EQ(0u, arriving());
+        nox_object_delete(pipe);
     }
 
     void to(int32_t state)
@@ -36,15 +40,6 @@ struct Player {
         return script("k").taken - before;
     }
 
-    void end()
-    {
-        to(NOX_STATE_NULL);
-        EXPECT_EQ(0u, arriving());
-        nox_object_delete(pipe);
-        EXPECT_EQ("", stage.end());
-    }
-
-    Stage stage;
     NOXPlugin *source;
     NOXPlugin *sink;
     NOXPipe *pipe;
@@ -53,17 +48,11 @@ struct Player {
 template <typename Story>
 void under_all_seeds(bool live, Story story)
 {
-    for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        Player player(seed, live);
+    under_seeds(kSeeds, [&] {
+        Player player(live);
         story(player);
-        player.end();
-        if (::testing::Test::HasFailure())
-            return;
-    }
+    });
 }
-
-} // namespace
 
 TEST(Pause, ParksTheSourceEveryTimeAndPlayWakesIt)
 {
@@ -158,16 +147,17 @@ TEST(Pause, OfASourceThatDiesAtAnyPointReturns)
 
 TEST(Pause, OfASourceThatProducesInAContextOfItsOwnReturns)
 {
-    Player player(1);
+    Stage stage;
+    Player player;
     reinterpret_cast<NOXBaseSrc *>(player.source)->usethread = 0;
     player.to(NOX_STATE_PLAY);
     player.to(NOX_STATE_PAUSE);
-    player.end();
 }
 
 TEST(Pause, MeasuresNoIntervalAcrossIt)
 {
-    Player player(1);
+    Stage stage;
+    Player player;
     player.to(NOX_STATE_PLAY);
     nox_timer_settime_absolute(player.pipe->clock, 100'000);
     EXPECT_GT(player.arriving(), 0u);
@@ -177,7 +167,6 @@ TEST(Pause, MeasuresNoIntervalAcrossIt)
     player.to(NOX_STATE_PLAY);
     EXPECT_GT(player.arriving(), 0u);
     EXPECT_EQ(0u, SIM_TraceCount("Reversed timestamp"));
-    player.end();
 }
 
 TEST(Pause, HoldsThroughAnyWalkThroughTheStates)
@@ -202,7 +191,8 @@ TEST(Pause, HoldsThroughAnyWalkThroughTheStates)
 
 TEST(Pause, BeforeThePipeHasStartedEndsTheThread)
 {
-    Player player(1);
+    Stage stage;
+    Player player;
     nox_plugin_setstate(player.sink, NOX_STATE_PLAY);
     nox_plugin_setstate(player.source, NOX_STATE_PLAY);
     OSA_ThreadSleep(20);
@@ -210,6 +200,6 @@ TEST(Pause, BeforeThePipeHasStartedEndsTheThread)
     EXPECT_EQ(0, player.source->started);
     EXPECT_EQ(0, nox_plugin_setstate(player.source, NOX_STATE_NULL));
     nox_plugin_setstate(player.sink, NOX_STATE_NULL);
-    nox_object_delete(player.pipe);
-    EXPECT_EQ("", player.stage.end());
 }
+
+} // namespace

