@@ -60,10 +60,8 @@ TEST_F(Source, ReadsItsOptionsAndLeavesTheRestAlone)
 {
     EXPECT_EQ(0x20000u, base->stacksize);
     EXPECT_EQ(1, base->waitallsrc);
-    NOXStructure *empty = nox_structure_new("empty");
     SIM_TraceClear();
-    EXPECT_EQ(0, nox_plugin_setformat(source, empty));
-    nox_object_delete(empty);
+    EXPECT_EQ(0, nox_plugin_setformat(source, keep(nox_structure_new("empty"))));
     EXPECT_EQ(1u, SIM_TraceCount("asyncstart(0)\n", 2));
     EXPECT_EQ(1u, SIM_TraceCount("on-error  (0:QUIT)\n", 2));
 

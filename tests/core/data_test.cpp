@@ -59,15 +59,12 @@ TEST_F(Memory, OwnedBytesGoWithTheBlockAndBorrowedOnesStay)
 
 TEST_F(Buffer, FourthBlockStaysWithTheCallerAndAHoleIsFilledFirst)
 {
-    NOXBuffer *single = nox_buffer_new(1000), *buffer = new_three_blocks();
+    NOXBuffer *single = keep(nox_buffer_new(1000)), *buffer = keep(new_three_blocks());
     EXPECT_EQ(1, nox_buffer_get_memcnt(single) + nox_buffer_get_memcnt(nullptr));
     EXPECT_EQ(nox_buffer_get_memory(single, 0)->data, nox_buffer_get_data(single));
-    nox_object_delete(single);
-    NOXMemory *fourth = nox_memory_new(13), *last = nox_buffer_get_memory(buffer, 2);
+    NOXMemory *fourth = keep(nox_memory_new(13)), *last = nox_buffer_get_memory(buffer, 2);
     EXPECT_EQ(3, nox_buffer_append_memory(buffer, fourth));
     EXPECT_EQ(33u, nox_buffer_get_datasize(buffer));
-    nox_object_delete(fourth);
-
     EXPECT_EQ(2, nox_buffer_delete_memory_idx(buffer, 1));
     EXPECT_EQ(3, nox_buffer_get_memcnt(buffer));
     EXPECT_EQ(33u, nox_buffer_get_datasize(buffer));
@@ -86,12 +83,11 @@ TEST_F(Buffer, FourthBlockStaysWithTheCallerAndAHoleIsFilledFirst)
                       nox_buffer_delete_memory_mem(buffer, nullptr));
     EXPECT_EQ(2u, SIM_TraceCount("invalid memory (", 1));
     EXPECT_EQ(0, nox_buffer_delete_memory_all(buffer) + nox_buffer_get_memcnt(buffer));
-    nox_object_delete(buffer);
 }
 
 TEST_F(Buffer, DuplicateCopiesBytesAndSixFieldsAndSkipsHoles)
 {
-    NOXBuffer *source = new_three_blocks();
+    NOXBuffer *source = keep(new_three_blocks());
     source->timestamp = 1;
     source->duration = 2;
     source->durationUs = 3;
@@ -107,7 +103,7 @@ TEST_F(Buffer, DuplicateCopiesBytesAndSixFieldsAndSkipsHoles)
     nox_buffer_set_finalize_func(
         source, [](NOXBuffer *) { return 0; }, 11);
     nox_buffer_delete_memory_idx(source, 1);
-    NOXBuffer *copy = nox_buffer_dup(source);
+    NOXBuffer *copy = keep(nox_buffer_dup(source));
     EXPECT_EQ(2, nox_buffer_get_memcnt(copy));
     EXPECT_EQ(22u, nox_buffer_get_datasize(copy)); // 10 + 12
     for (int32_t slot : {0, 1}) {
@@ -122,8 +118,6 @@ TEST_F(Buffer, DuplicateCopiesBytesAndSixFieldsAndSkipsHoles)
     for (void *field : {copy->private_, copy->extradata, copy->object.parent})
         EXPECT_EQ(nullptr, field);
     EXPECT_TRUE(!copy->finalize_func && !copy->syncfunc && !copy->data);
-    nox_object_delete(source);
-    nox_object_delete(copy);
 }
 
 TEST(BufferFaults, DuplicateThatFailsKeepsNothing)
@@ -161,7 +155,7 @@ TEST_F(Buffer, HooksOfTheProducerRunOnceAndBeforeThoseOfTheBlocks)
 struct Owner {
     NOXBufferRequest *request;
     NOXBuffer *flushed;
-    std::vector<NOXAllocator *> finalized;
+    uint32_t finalized;
 };
 
 TEST_F(Allocator, FunctionsGetTheOwnerAndTheFinalizerTheAllocatorOnce)
@@ -181,16 +175,14 @@ TEST_F(Allocator, FunctionsGetTheOwnerAndTheFinalizerTheAllocatorOnce)
         return 5;
     });
     nox_allocator_set_finalize_func(allocator, [](NOXAllocator *dying) {
-        static_cast<Owner *>(dying->owner)->finalized.push_back(dying);
+        ++static_cast<Owner *>(dying->owner)->finalized;
         return 0;
     });
-    NOXBuffer *buffer = nox_allocator_alloc(allocator, &request);
-    EXPECT_EQ(&request, owner.request);
+    NOXBuffer *buffer = keep(nox_allocator_alloc(allocator, &request));
     EXPECT_EQ(5, nox_allocator_flush(allocator, buffer));
-    EXPECT_EQ(buffer, owner.flushed);
-    nox_object_delete(buffer);
+    EXPECT_TRUE(owner.request == &request && owner.flushed == buffer);
     nox_object_delete(allocator);
-    EXPECT_EQ(std::vector<NOXAllocator *>{allocator}, owner.finalized);
+    EXPECT_EQ(1u, owner.finalized);
 }
 
 } // namespace

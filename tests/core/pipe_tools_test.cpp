@@ -71,13 +71,9 @@ TEST_F(PipeTools, ThePrintedGraphIsExact)
     EXPECT_EQ("", graph());
     // s1 -> f1 -> t -> k1 with branches k2, f2 -> k3; s2 without links; f3 loose;
     // a sink that nothing leads to; s3 -> f4, which leads nowhere.
-    NOXPlugin *s1 = member(new_source("s1"));
-    NOXPlugin *f1 = member(new_filter("f1"));
-    NOXPlugin *t = member(new_filter("t"));
-    NOXPlugin *f2 = member(new_filter("f2"));
-    nox_plugin_link(s1, f1);
-    nox_plugin_link(f1, t);
-    nox_plugin_link(t, member(new_sink("k1")));
+    NOXPlugin *s1 = member(new_source("s1")), *f1 = member(new_filter("f1"));
+    NOXPlugin *t = member(new_filter("t")), *f2 = member(new_filter("f2"));
+    nox_plugin_link_many(s1, f1, t, member(new_sink("k1")), nullptr);
     nox_plugin_link(t, member(new_sink("k2")));
     nox_plugin_link(t, f2);
     nox_plugin_link(f2, member(new_sink("k3")));
@@ -88,10 +84,9 @@ TEST_F(PipeTools, ThePrintedGraphIsExact)
     nox_plugin_link(member(new_source("s3")), member(new_filter("f4")));
     SIM_TraceClear();
     EXPECT_EQ("s1 -> f1 -> t -> k1;t -> f2 -> k3;t -> k2;f1 -> k5;s2; s3 -> f4f3; f4; ", graph());
-    EXPECT_EQ(1u, traced("noxpipe", 4, "Found source plugin (s1)"));
-    EXPECT_EQ(1u, traced("noxpipe", 4, "Next plugin (k1)"));
-    EXPECT_EQ(1u, traced("noxpipe", 4, "Next plugin is tee (f2) index(2)"));
-    EXPECT_EQ(1u, traced("noxpipe", 4, "Next plugin (k2) of tee (t)"));
+    for (const char *told : {"Found source plugin (s1)", "Next plugin (k1)",
+                             "Next plugin is tee (f2) index(2)", "Next plugin (k2) of tee (t)"})
+        EXPECT_EQ(1u, traced("noxpipe", 4, told)) << told;
 
     char labels[NOX_PIPE_TEXT_SIZE] = "";
     pipe_print_pluginname(f2, labels);

@@ -31,48 +31,48 @@ TEST(Notation, AMadeNameAvoidsAGivenOneThatComesLater)
     EXPECT_EQ(elements[1].name, "b2");
 }
 
-struct BadNotation {
-    const char *text;
-    size_t place; // where the error points
-    const char *message;
-};
-
-class NotationErrors : public testing::TestWithParam<BadNotation>
+TEST(Notation, ErrorsPointAtThePlace)
 {
-};
-
-TEST_P(NotationErrors, PointAtThePlace)
-{
-    try {
-        parse_notation(GetParam().text);
-        FAIL() << "was taken: " << GetParam().text;
-    } catch (const NotationError &error) {
-        EXPECT_EQ(error.place.begin, GetParam().place) << error.message;
-        EXPECT_NE(error.message.find(GetParam().message), std::string::npos) << error.message;
+    const struct {
+        const char *text;
+        size_t place; // where the error points
+        const char *message;
+    } cases[] = {{"", 0, "no elements"},
+                 {" \t", 0, "no elements"},
+                 {"! a", 0, "before this \"!\""},
+                 {"a ! ! b", 4, "between this"},
+                 {"a !", 2, "follows this \"!\""},
+                 {"a!b", 0, "blank on both sides"},
+                 {"k=v a", 0, "follows no element"},
+                 {"a ! k=v", 4, "follows no element"},
+                 {"a k=1 k=2", 6, "given twice"},
+                 {"a k='x", 4, "not closed"},
+                 {"a k=\"x\\", 6, "after this backslash"},
+                 {"a k=(uint32 3", 4, "not closed"},
+                 {"a k=()3", 4, "type is missing"},
+                 {"a name=", 7, "at least one"},
+                 {"a name=x. ! b", 7, "no dot"},
+                 {"a name=x name=y", 9, "given twice"},
+                 {"a name=x ! b name=x", 18, "has this name already"},
+                 {"a ! b t. ! c", 6, "has name=t"},
+                 {"t. ! a ! b name=t", 0, "has name=t"},
+                 {"a name=t ! b t.", 13, "must follow this branch"},
+                 {"a name=t ! b t. k=v ! c", 16, "follows no element"},
+                 {"a name=a ! b ! a.", 15, "cycle: a ! b ! a"},
+                 {"a ! b name=b b. ! c ! b.", 22, "cycle: b ! c ! b"},
+                 {"a name=a ! b name=b c ! b.", 24, "one input"},
+                 {"a \"quoted\"", 2, "no element"},
+                 {"a =v", 2, "no element"}};
+    for (const auto &[text, place, message] : cases) {
+        try {
+            parse_notation(text);
+            ADD_FAILURE() << "was taken: " << text;
+        } catch (const NotationError &error) {
+            EXPECT_EQ(error.place.begin, place) << text << ": " << error.message;
+            EXPECT_NE(error.message.find(message), std::string::npos) << error.message;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Notation, NotationErrors,
-    testing::Values(
-        BadNotation{"", 0, "no elements"}, BadNotation{" \t", 0, "no elements"},
-        BadNotation{"! a", 0, "before this \"!\""}, BadNotation{"a ! ! b", 4, "between this"},
-        BadNotation{"a !", 2, "follows this \"!\""}, BadNotation{"a!b", 0, "blank on both sides"},
-        BadNotation{"k=v a", 0, "follows no element"},
-        BadNotation{"a ! k=v", 4, "follows no element"}, BadNotation{"a k=1 k=2", 6, "given twice"},
-        BadNotation{"a k='x", 4, "not closed"}, BadNotation{"a k=\"x\\", 6, "after this backslash"},
-        BadNotation{"a k=(uint32 3", 4, "not closed"}, BadNotation{"a k=()3", 4, "type is missing"},
-        BadNotation{"a name=", 7, "at least one"}, BadNotation{"a name=x. ! b", 7, "no dot"},
-        BadNotation{"a name=x name=y", 9, "given twice"},
-        BadNotation{"a name=x ! b name=x", 18, "has this name already"},
-        BadNotation{"a ! b t. ! c", 6, "has name=t"},
-        BadNotation{"t. ! a ! b name=t", 0, "has name=t"},
-        BadNotation{"a name=t ! b t.", 13, "must follow this branch"},
-        BadNotation{"a name=t ! b t. k=v ! c", 16, "follows no element"},
-        BadNotation{"a name=a ! b ! a.", 15, "cycle: a ! b ! a"},
-        BadNotation{"a ! b name=b b. ! c ! b.", 22, "cycle: b ! c ! b"},
-        BadNotation{"a name=a ! b name=b c ! b.", 24, "one input"},
-        BadNotation{"a \"quoted\"", 2, "no element"}, BadNotation{"a =v", 2, "no element"}));
 
 TEST(Notation, CaretsStandUnderThePlaceWhateverIsBeforeIt)
 {

@@ -1,38 +1,16 @@
 // reblock between two plugins of the test's own: what it hands on for what it is given.
 
-#include <algorithm>
-#include <cstring>
 #include <numeric>
 #include <random>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "noxcore.h"
-#include "osa/osa_ext.h"
-#include "process.h"
+#include "library.h"
 
 namespace
 {
 
-struct Block {
-    std::vector<uint8_t> bytes;
-    uint64_t timestamp;
-    uint64_t duration;
-    uint64_t duration_us;
-    int32_t index;
-};
-
 struct Upstream {
     NOXPlugin plugin;
     uint32_t rate; // of one channel; 0: it does not say
-};
-
-struct Downstream {
-    NOXPlugin plugin;
-    std::vector<Block> *blocks;
-    size_t at_end;       // blocks when end of stream came
-    uint64_t most_alive; // bytes
 };
 
 int32_t tell_format(NOXPlugin *plugin, NOXStructure *format)
@@ -47,74 +25,27 @@ int32_t tell_format(NOXPlugin *plugin, NOXStructure *format)
     return nox_structure_putvar_uint32(format, "stream.channels", 0, &channels);
 }
 
-uint64_t bytes_alive()
-{
-    OSA_Alive alive;
-    OSA_AliveGet(&alive);
-    return alive.bytes;
-}
-
-int32_t keep_block(NOXPlugin *plugin, NOXBuffer *buffer)
-{
-    auto *self = reinterpret_cast<Downstream *>(plugin);
-    const NOXMemory *memory = nox_buffer_get_memory(buffer, 0);
-    self->blocks->push_back({{memory->data, memory->data + memory->datasize},
-                             buffer->timestamp,
-                             buffer->duration,
-                             buffer->durationUs,
-                             buffer->index});
-    self->most_alive = std::max(self->most_alive, bytes_alive());
-    return 0;
-}
-
-int32_t keep_end(NOXPlugin *plugin, NOXEvent *event)
-{
-    auto *self = reinterpret_cast<Downstream *>(plugin);
-    if (event->type == NOX_EVENT_EOS)
-        self->at_end = self->blocks->size();
-    return 0;
-}
-
-template <typename Record>
-Record *new_record(const char *name)
-{
-    auto *record = static_cast<Record *>(nox_object_new(sizeof(Record), name, 1));
-    nox_plugin_init(&record->plugin);
-    nox_object_set_finalize_func(record, nox_plugin_finalize);
-    nox_plugin_setstate(&record->plugin, NOX_STATE_PLAY);
-    return record;
-}
-
-class Reblock : public testing::Test
+class Reblock : public InLibrary
 {
 protected:
     void SetUp() override
     {
-        OSA_TraceSetLevel(0);
-        write_file(folder_ / "cache", std::string("reblock@") + PLUGIN_FOLDER + "/noxreblock.so\n");
-        ASSERT_EQ(nox_init((folder_ / "cache").c_str()), 0);
+        InLibrary::SetUp();
         up = new_record<Upstream>("up");
         up->plugin.getformat_func = tell_format;
-        down = new_record<Downstream>("down");
-        down->plugin.chain_func = keep_block;
-        down->plugin.event_func = keep_end;
-        down->blocks = &blocks;
+        down = new_downstream();
         filter = nox_plugin_new("reblock", "reblock");
         ASSERT_NE(filter, nullptr);
-        nox_plugin_link(&up->plugin, filter);
-        nox_plugin_link(filter, &down->plugin);
+        nox_plugin_link_many(&up->plugin, filter, &down->plugin, nullptr);
+        nox_plugin_setstate(&down->plugin, NOX_STATE_PLAY);
     }
 
     void TearDown() override
     {
         nox_plugin_setstate(filter, NOX_STATE_NULL);
-        for (void *plugin :
-             {static_cast<void *>(up), static_cast<void *>(filter), static_cast<void *>(down)})
+        for (NOXPlugin *plugin : {&up->plugin, filter, &down->plugin})
             nox_object_delete(plugin);
-        nox_deinit();
-        OSA_Alive alive;
-        OSA_AliveGet(&alive);
-        EXPECT_EQ(OSA_AliveIsNothing(&alive), 1);
+        InLibrary::TearDown();
     }
 
     void start(const char *option, uint32_t value, uint32_t rate)
@@ -149,8 +80,6 @@ protected:
         nox_object_delete(buffer);
     }
 
-    const TemporaryFolder folder_;
-    std::vector<Block> blocks;
     uint64_t pushed = 0;
     Upstream *up = nullptr;
     Downstream *down = nullptr;
@@ -182,7 +111,7 @@ TEST_F(Reblock, EveryByteGoesOnOnceWithTheTimeOfTheInputItCameFrom)
                 sizes = {300000};
             begins.push_back(pushed);
             timestamps.push_back(40 + pushed * 500 / kRate + (input > 20 ? 5000 : 0)); // a gap
-            const uint64_t before = bytes_alive();
+            const uint64_t before = alive().bytes;
             down->most_alive = 0;
             push(sizes, timestamps.back(), 0, input);
             const uint64_t own = std::accumulate(sizes.begin(), sizes.end(), uint64_t{0});
