@@ -1,0 +1,18 @@
+// What the programs of this folder consist of: one function for each file of campaigns.
+#ifndef SOAK_CAMPAIGNS_H
+#define SOAK_CAMPAIGNS_H
+
+#include <vector>
+
+#include "soak/campaign.h"
+
+namespace soak
+{
+
+// In virtual time: soak_sim.
+
+// On the real OS layer: soak_real.
+
+} // namespace soak
+
+#endif

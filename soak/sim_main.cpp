@@ -1,0 +1,8 @@
+// The campaigns in virtual time.
+
+#include "soak/campaigns.h"
+
+int main(int argc, char **argv)
+{
+    return soak::main_of(argc, argv, {});
+}
