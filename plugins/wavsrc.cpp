@@ -107,6 +107,13 @@ bool holds_what_it_says(void *plugin, const char *location, int descriptor, cons
     return bytes.missing == 0 && !unfinished;
 }
 
+// Rate and channels are the file's word, and sizes of memory have 32 bits.
+bool buffers_fit(const StreamFormat &stream)
+{
+    const uint64_t most_frames = stream.rate / kBuffersPerSecond + 1;
+    return most_frames * stream.frame_size() <= UINT32_MAX;
+}
+
 int32_t open_recording(void *plugin, const char *location, Recording &recording)
 {
     recording.descriptor = Descriptor(open(location, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -131,6 +138,10 @@ int32_t open_recording(void *plugin, const char *location, Recording &recording)
 
     recording.stream = {static_cast<uint32_t>(info.samplerate),
                         static_cast<uint32_t>(info.channels)};
+    if (!buffers_fit(recording.stream))
+        return report(plugin, PLUGIN_MSG_FORMAT,
+                      "%s has %u channels at %u Hz: too much for a buffer", location,
+                      recording.stream.channels, recording.stream.rate);
     recording.frames = static_cast<uint64_t>(info.frames);
     return 0;
 }

@@ -74,6 +74,14 @@ TEST_F(WavSource, AFileThatIsShorterThanItsHeaderSaysIsPlayedOnlyIfThatLeavesThe
         EXPECT_EQ(duration_of_cut_file(header, folder / "cut.wav"), header.duration) << header.says;
 }
 
+TEST_F(WavSource, AStreamOf64ChannelsWhose20MillisecondsNeedMoreThan32BitsIsRefused)
+{
+    Header header = {"", SF_FORMAT_WAV, {{20, 64 << 16 | 1}, {32, 16 << 16 | 128}, {40, 8000}}, 0};
+    EXPECT_NE(duration_of_cut_file(header, folder / "many.wav"), kRefused) << "as it is";
+    header.fields.push_back({24, 0x7FFFFFFF});
+    EXPECT_EQ(duration_of_cut_file(header, folder / "many.wav"), kRefused) << "at 2 GHz";
+}
+
 TEST_F(WavSource, TimesAreExactAtEveryRateAndTheSourcePlaysAgainAfterAStop)
 {
     for (const int rate : {8000, 11025, 44100, 48000}) {
