@@ -16,7 +16,8 @@ if(NOX_SANITIZE)
     add_link_options(-fsanitize=${NOX_SANITIZE})
 endif()
 if(NOX_COVERAGE)
-    add_compile_options(--coverage -O0)
+    # Counted atomically: threads that count the same line would lose or spoil counts.
+    add_compile_options(--coverage -O0 -fprofile-update=atomic)
     add_link_options(--coverage)
 endif()
 
