@@ -169,6 +169,7 @@ uint32_t nox_pipe_get_size(void)
 int32_t nox_pipe_finalize(void *object)
 {
     auto *pipe = static_cast<NOXPipe *>(object);
+    nox::end_requests(pipe); // before the wait for a handler, which may take long
     tell_where_deleted(pipe);
     silence_handler(pipe);
     nox::stop_control_thread(pipe);

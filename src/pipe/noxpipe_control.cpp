@@ -83,7 +83,6 @@ void carry_out_requests(NOXPipe *pipe)
 void end_thread(NOXPipe *pipe)
 {
     Message exit_message = new_message();
-    nox::store_release(pipe->running, uint8_t{0});
     // Without the message the thread sees `running` when its wait ends.
     if (exit_message)
         exit_message->kind = NOX_PIPE_MSG_EXIT;
@@ -114,6 +113,11 @@ bool start_control_thread(NOXPipe *pipe)
         return false;
     }
     return true;
+}
+
+void end_requests(NOXPipe *pipe)
+{
+    store_release(pipe->running, uint8_t{0});
 }
 
 void stop_control_thread(NOXPipe *pipe)

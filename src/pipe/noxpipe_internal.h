@@ -26,9 +26,11 @@ namespace nox
 // count the time until its first start as a pause that lies before that start.
 void stop_clock(NOXPipe *pipe);
 
-// The control thread with its queue. Start leaves nothing behind when it fails;
-// stop returns when the thread has ended and everything queued is released.
+// The control thread with its queue. Start leaves nothing behind when it fails. After
+// end_requests one more request is carried out at most. Stop returns when the thread
+// has ended and everything queued is released.
 bool start_control_thread(NOXPipe *pipe);
+void end_requests(NOXPipe *pipe);
 void stop_control_thread(NOXPipe *pipe);
 
 } // namespace nox
