@@ -10,6 +10,8 @@ namespace soak
 {
 
 // In virtual time: soak_sim.
+Campaigns deletion_campaigns();
+Campaigns bus_campaigns();
 
 // On the real OS layer: soak_real.
 

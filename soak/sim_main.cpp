@@ -4,5 +4,9 @@
 
 int main(int argc, char **argv)
 {
-    return soak::main_of(argc, argv, {});
+    return soak::main_of(argc, argv,
+                         {
+                             soak::deletion_campaigns(),
+                             soak::bus_campaigns(),
+                         });
 }

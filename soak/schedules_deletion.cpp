@@ -1,0 +1,321 @@
+// Asynchronous requests that race the deletion of their pipe.
+//
+// Several actors hold a reference to the pipe each, ask for states, and give their
+// reference back: the application, threads of its own, the message handler, a callback, a
+// source's thread. Whoever is last deletes the pipe, there and then. An actor keeps the
+// rules of docs/ownership.md: it asks while it holds its reference, or inside a call that
+// the library makes.
+
+#include <deque>
+#include <memory>
+#include <utility>
+
+#include "soak/campaigns.h"
+#include "soak/dice.h"
+#include "tests/core/on_stage.h"
+
+namespace soak
+{
+
+namespace
+{
+
+enum Actor {
+    kApplication,
+    kFirstWorker,
+    kLastWorker = kFirstWorker + 2,
+    kHandler,
+    kCallback,
+    kSource,
+    kActors
+};
+
+constexpr size_t most_requests = 32;
+constexpr int32_t go = 1000; // the application's message to its handler
+
+struct Request {
+    Actor actor;
+    int32_t state;
+    std::atomic<uint32_t> answers{0};
+};
+
+class Story
+{
+public:
+    explicit Story(uint64_t run);
+    ~Story();
+    void play();
+
+    void answer(size_t request, int32_t state, int32_t result);
+    void handle(int32_t code);
+    int32_t finalize(void *pipe);
+
+private:
+    void build();
+    void act_as(Actor actor);
+    void ask(Actor actor, Dice &dice, uint32_t count);
+    void leave(Actor actor);
+    void take_at_sink();
+    void finish();
+    void check_requests() const;
+    void check_traces() const;
+
+    const uint64_t m_run;
+    Dice m_dice{m_run};
+    bool m_takes_part[kActors] = {};
+    bool m_handler_changes; // the state by itself, and nobody asks
+    NOXPipe *m_pipe = nullptr;
+    std::vector<NOXPlugin *> m_members;
+
+    Request m_requests[most_requests];
+    std::atomic<size_t> m_asked{0};
+    std::atomic<size_t> m_answered{0};
+    std::atomic<uint32_t> m_late_answers{0}; // since the deletion began
+    std::atomic<bool> m_began{false};
+    std::atomic<bool> m_over{false};
+    Actor m_deleter = kActors;
+
+    // Of one actor each.
+    Dice m_handler_dice{m_run, kHandler};
+    Dice m_callback_dice{m_run, kCallback};
+    Dice m_source_dice{m_run, kSource};
+    uint32_t m_gos_left;
+    uint32_t m_callbacks_left;
+    uint32_t m_takes_left;
+};
+
+Story *g_story = nullptr;
+thread_local Actor t_actor; // who gives back a reference
+
+// A callback of its own for each request: it is given nothing to tell them apart by.
+template <size_t number>
+int32_t answer(NOXPipe *, int32_t state, int32_t result)
+{
+    g_story->answer(number, state, result);
+    return -1; // ignored
+}
+
+template <size_t... numbers>
+NoxPipeAsyncCallback nth_callback(size_t n, std::index_sequence<numbers...>)
+{
+    static constexpr NoxPipeAsyncCallback callbacks[] = {answer<numbers>...};
+    return callbacks[n];
+}
+
+Story::Story(uint64_t run) : m_run(run)
+{
+    g_story = this;
+    m_handler_changes = m_dice.chance(10);
+    m_takes_part[kApplication] = true;
+    for (int worker = kFirstWorker; worker <= kLastWorker; ++worker)
+        m_takes_part[worker] = m_dice.chance(50);
+    m_takes_part[kHandler] = m_dice.chance(40);
+    m_takes_part[kCallback] = !m_handler_changes && m_dice.chance(40);
+    m_takes_part[kSource] = !m_handler_changes && m_dice.chance(25);
+    m_gos_left = m_dice.between(1, 3);
+    m_callbacks_left = m_dice.between(1, 4);
+    m_takes_left = m_dice.between(1, 4);
+}
+
+Story::~Story()
+{
+    g_story = nullptr;
+}
+
+// Two chains, of which one has a filter and the other may be no live one.
+void Story::build()
+{
+    script("s2").live = m_dice.chance(70);
+    for (const char *name : {"s", "s2"}) {
+        script(name).interval_ms = m_dice.between(1, 20);
+        m_members.push_back(new_source(name));
+        reinterpret_cast<NOXBaseSrc *>(m_members.back())->waitallsrc = 0;
+    }
+    for (NOXPlugin *member : {new_filter("f"), new_sink("k"), new_sink("k2")})
+        m_members.push_back(member);
+    script("k").take = [this](NOXBuffer *) {
+        take_at_sink();
+        return 0;
+    };
+    m_pipe = new_pipe({{m_members[0], m_members[2], m_members[3]}, {m_members[1], m_members[4]}});
+    m_pipe->plugin.object.finalize = [](void *pipe) { return g_story->finalize(pipe); };
+    nox_pipe_set_bus_handler(
+        m_pipe,
+        [](NOXBus *, void *, const char *, int32_t code, const char *) {
+            g_story->handle(code);
+            return 0;
+        },
+        nullptr);
+}
+
+void Story::ask(Actor actor, Dice &dice, uint32_t count)
+{
+    static constexpr int32_t any[] = {NOX_STATE_NULL, NOX_STATE_READY, NOX_STATE_PAUSE,
+                                      NOX_STATE_PLAY};
+    // For these the control thread does not wait for a source's thread, which is itself to
+    // wait for the control thread in the deletion.
+    static constexpr int32_t running[] = {NOX_STATE_READY, NOX_STATE_PLAY};
+    if (m_handler_changes)
+        return;
+    for (; count > 0; --count) {
+        const size_t number = m_asked++;
+        ASSERT_LT(number, most_requests);
+        const int32_t state = m_takes_part[kSource] ? dice.one_of(running) : dice.one_of(any);
+        m_requests[number].actor = actor;
+        m_requests[number].state = state;
+        EXPECT_EQ(
+            0, nox_pipe_set_state_async(
+                   m_pipe, state, nth_callback(number, std::make_index_sequence<most_requests>{})));
+    }
+}
+
+void Story::leave(Actor actor)
+{
+    t_actor = actor;
+    nox_object_delete(m_pipe);
+}
+
+int32_t Story::finalize(void *pipe)
+{
+    EXPECT_FALSE(m_began) << "deleted twice";
+    m_deleter = t_actor;
+    m_began = true;
+    const int32_t result = nox_pipe_finalize(pipe);
+    m_over = true;
+    return result;
+}
+
+void Story::answer(size_t request, int32_t state, int32_t result)
+{
+    EXPECT_FALSE(m_over) << "answered after the deletion";
+    EXPECT_EQ(0u, m_requests[request].answers++);
+    EXPECT_EQ(m_requests[request].state, state);
+    EXPECT_EQ(0, result);
+    ++m_answered;
+    m_late_answers += m_began ? 1 : 0;
+    if (!m_takes_part[kCallback] || m_callbacks_left == 0)
+        return;
+    if (--m_callbacks_left == 0)
+        leave(kCallback);
+    else
+        ask(kCallback, m_callback_dice, 1); // or there might be no further one
+}
+
+void Story::handle(int32_t code)
+{
+    EXPECT_FALSE(m_over) << "a message after the deletion";
+    if (code != go)
+        return;
+    OSA_ThreadSleep(m_handler_dice.below(3));
+    if (m_handler_changes)
+        nox_pipe_set_state(m_pipe, static_cast<int32_t>(m_handler_dice.below(4)));
+    ask(kHandler, m_handler_dice, m_handler_dice.below(3));
+    EXPECT_FALSE(m_over) << "deleted under its handler";
+    if (--m_gos_left > 0)
+        nox_bus_post_error(m_pipe->busref, "handler", go, nullptr);
+    else if (m_takes_part[kHandler])
+        leave(kHandler);
+}
+
+void Story::take_at_sink()
+{
+    EXPECT_EQ(0u, script("k").finalized);
+    if (!m_takes_part[kSource] || m_takes_left == 0 || --m_takes_left > 0)
+        return;
+    ask(kSource, m_source_dice, m_source_dice.below(3));
+    leave(kSource);
+}
+
+void Story::act_as(Actor actor)
+{
+    Dice dice(m_run, actor);
+    for (uint32_t round = dice.below(3); round > 0; --round) {
+        OSA_ThreadSleep(dice.below(15));
+        ask(actor, dice, dice.below(3));
+    }
+    const size_t asked = m_asked;
+    if (dice.chance(30)) {
+        EXPECT_TRUE(wait_until([&] { return m_answered >= asked; })) << "requests got lost";
+    }
+    leave(actor);
+}
+
+void Story::play()
+{
+    build();
+    if (m_takes_part[kSource] || m_handler_changes || m_dice.chance(50))
+        nox_pipe_set_state(m_pipe, NOX_STATE_PLAY);
+    for (int actor = kFirstWorker; actor < kActors; ++actor)
+        if (m_takes_part[actor])
+            nox_object_refer(m_pipe);
+    {
+        std::deque<Worker> workers;
+        for (int actor = kFirstWorker; actor <= kLastWorker; ++actor)
+            if (m_takes_part[actor])
+                workers.emplace_back([this, actor] { act_as(static_cast<Actor>(actor)); });
+        nox_bus_post_error(m_pipe->busref, "application", go, nullptr);
+        ask(kApplication, m_dice, m_takes_part[kCallback] ? 1 : 0);
+        act_as(kApplication);
+    }
+    EXPECT_TRUE(wait_until([this] { return m_over.load(); }));
+    finish();
+}
+
+void Story::finish()
+{
+    if (m_deleter == kSource) { // whose code was running: the pipe has left its plugins alone
+        for (NOXPlugin *member : m_members)
+            nox_plugin_setstate(member, NOX_STATE_NULL);
+        for (NOXPlugin *member : m_members)
+            nox_object_delete(member);
+    }
+    if (m_dice.chance(50)) { // else the library is shut down while the handler returns
+        OSA_ThreadSleep(1);
+        nox_object_delete(nox_pipe_new("next"));
+        EXPECT_EQ(0u, alive().threads) << "the next pipe has joined the thread that was left";
+    }
+    for (const char *name : {"s", "s2", "f", "k", "k2"}) {
+        EXPECT_EQ(1u, script(name).finalized) << name;
+        EXPECT_TRUE(script(name).started == 0 || script(name).stopped > 0) << name;
+    }
+    check_requests();
+    check_traces();
+}
+
+// Those that were dropped are the last that their actor asked for.
+void Story::check_requests() const
+{
+    bool dropped[kActors] = {};
+    for (size_t i = 0; i < m_asked; ++i) {
+        const Request &request = m_requests[i];
+        EXPECT_FALSE(dropped[request.actor] && request.answers > 0) << "carried out of order";
+        dropped[request.actor] |= request.answers == 0;
+    }
+    EXPECT_LE(m_late_answers, 1u);
+}
+
+void Story::check_traces() const
+{
+    const std::pair<Actor, const char *> places[] = {
+        {kHandler, "pipe(player) deleted in its own bus handler"},
+        {kCallback, "pipe(player) deleted on its own control thread"},
+        {kSource, "pipe(player) deleted on the thread of its source (s)"},
+    };
+    for (const auto &[actor, text] : places)
+        EXPECT_EQ(m_deleter == actor ? 1u : 0u, traced("noxpipe", 1, text)) << text;
+}
+
+void run_story(uint64_t run)
+{
+    Stage stage({.seed = run});
+    Story(run).play();
+}
+
+} // namespace
+
+Campaigns deletion_campaigns()
+{
+    return {{"schedules-deletion", "seeds", 20'000, 1'000, run_story}};
+}
+
+} // namespace soak
