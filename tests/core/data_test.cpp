@@ -91,12 +91,13 @@ TEST_F(Buffer, DuplicateCopiesBytesAndSixFieldsAndSkipsHoles)
     source->timestamp = 1;
     source->duration = 2;
     source->durationUs = 3;
-    source->mediatype = 4;
-    source->frametype = 5;
+    nox_buffer_set_mediatype(source, 4);
+    nox_buffer_set_frametype(source, 5);
     source->index = 6;
-    source->bufindex = -7;
+    nox_buffer_set_bufindex(source, -7);
     nox_buffer_set_private(source, source);
-    nox_buffer_set_private2_each(source, 8, 9);
+    const NOXBufferPrivate2 pair{8, 9};
+    nox_buffer_set_private2(source, &pair);
     nox_buffer_set_extradata(source, source, 10);
     nox_buffer_set_parent(source, source);
     nox_buffer_set_syncfunc(source, [](void *, NOXBuffer *) { return 0; });
@@ -112,10 +113,13 @@ TEST_F(Buffer, DuplicateCopiesBytesAndSixFieldsAndSkipsHoles)
         EXPECT_TRUE(
             std::equal(from->data, from->data + from->datasize, to->data, to->data + to->datasize));
     }
-    EXPECT_TRUE(copy->timestamp == 1 && copy->duration == 2 && copy->mediatype == 4 &&
-                copy->frametype == 5 && copy->index == 6 && copy->bufindex == -7);
-    EXPECT_EQ(0u, copy->durationUs + copy->param + copy->extradatasize + copy->private2.value64);
-    for (void *field : {copy->private_, copy->extradata, copy->object.parent})
+    EXPECT_TRUE(copy->timestamp == 1 && copy->duration == 2 && copy->index == 6);
+    EXPECT_TRUE(nox_buffer_get_mediatype(copy) == 4 && nox_buffer_get_frametype(copy) == 5 &&
+                nox_buffer_get_bufindex(copy) == -7);
+    EXPECT_EQ(0u, copy->durationUs + copy->param + nox_buffer_get_extradatasize(copy) +
+                      nox_buffer_get_private2(copy)->value64);
+    for (void *field : {nox_buffer_get_private(copy), nox_buffer_get_extradata(copy),
+                        nox_buffer_get_parent(copy)})
         EXPECT_EQ(nullptr, field);
     EXPECT_TRUE(!copy->finalize_func && !copy->syncfunc && !copy->data);
 }

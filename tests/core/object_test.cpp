@@ -3,6 +3,7 @@
 #include <deque>
 
 #include "tests/core/on_stage.h"
+#include "tests/support/text_faults.h"
 
 namespace
 {
@@ -40,11 +41,18 @@ TEST_F(Object, GoesBackToWhereItCameFrom)
         uint32_t pooled;
     };
     const Case cases[] = {
-        {sizeof(NOXBuffer), "mine", 0, "NOXBuffer", 1},
-        {sizeof(NOXBuffer), "mine", 1, "mine", 0}, // as large as a pool's block, yet no block
-        {sizeof(NOXMemory), nullptr, 0, "NOXMemory", 1},
-        {sizeof(NOXMemory) + 8, "mine", 0, "mine", 0},
-        {sizeof(NOXObject), nullptr, 1, "unknown", 0},
+        {nox_buffer_get_size(), "mine", 0, "NOXBuffer", 1},
+        {nox_buffer_get_size(), "mine", 1, "mine", 0}, // as large as a pool's block, yet no block
+        {nox_memory_get_size(), nullptr, 0, "NOXMemory", 1},
+        {nox_memory_get_size() + 8, "mine", 0, "mine", 0},
+        {nox_object_get_size(), nullptr, 1, "unknown", 0},
+        {nox_allocator_get_size(), "mine", 0, "NOXMemory", 1}, // as large as that
+        {nox_structure_get_size(), "mine", 0, "mine", 0},
+        {nox_plugin_get_size(), "mine", 0, "mine", 0},
+        {nox_basesrc_get_size(), "mine", 0, "mine", 0},
+        {nox_basefilter_get_size(), "mine", 0, "mine", 0},
+        {nox_basesink_get_size(), "mine", 0, "mine", 0},
+        {nox_pipe_get_size(), "mine", 0, "mine", 0},
     };
     for (const Case &test : cases) {
         void *object = nox_object_new(test.size, test.given, test.lockable);
@@ -57,6 +65,8 @@ TEST_F(Object, GoesBackToWhereItCameFrom)
         nox_object_delete(object);
     }
     EXPECT_EQ(2u, traced("NOXBuffer", 1, "NOXBuffer invalid mutex handle"));
+    EXPECT_EQ(nullptr, nox_object_new(nox_object_get_size() - 1, "small", 0));
+    EXPECT_EQ(1u, SIM_TraceCount("object create failed. size (", 1));
     // A pool that comes meanwhile does not claim a record from the heap.
     void *object = nox_object_new(200, "early", 0);
     OSA_SMalloc_Register(200, "late pool");
@@ -91,6 +101,9 @@ TEST_F(Object, DeleteAtCountZeroIsTracedAndChangesNothing)
     record->object.refcount = 1;
     nox_object_set_finalize_func(record, nullptr); // replaces, under protest
     EXPECT_EQ(1u, traced("record", 1, "already set finalize function"));
+    EXPECT_EQ(nullptr, nox_object_get_finalize_func(record));
+    EXPECT_EQ(0, nox_object_set_name(record, "other")) << "names are for life";
+    EXPECT_STREQ("record", record->object.name);
     nox_object_delete(record);
     EXPECT_EQ(0u, finalized);
 }
@@ -103,6 +116,12 @@ TEST(ObjectCreation, FaultInAnyStepIsTracedAndKeepsNothing)
     };
     const Case cases[] = {
         {[] { return nox_object_new(300, "heap", 0); }, "object create failed. size (300)\n"},
+        {[]() -> void * {
+             NOXPlugin plugin{};
+             NOXBufferRequest request{2, 0, {1, 2}};
+             return nox_plugin_get_outbuffer_self(&plugin, &request);
+         },
+         "new mem is NULL..\n"},
         {[] { return nox_object_new(300, "lockable", 1); }, "object create failed. size (300)\n"},
         {[]() -> void * { return nox_memory_new(0); }, "can not allocation newbuf size (88)\n"},
         {[]() -> void * { return nox_buffer_new(100); }, "can not allocation data. size(100)\n"},
@@ -123,6 +142,47 @@ TEST(ObjectCreation, FaultInAnyStepIsTracedAndKeepsNothing)
         });
         EXPECT_TRUE(last_step_failed) << test.trace;
     }
+}
+
+TEST_F(Object, TextThatCannotBeCopiedIsToldAndKeepsNothing)
+{
+    NOXBus *bus = keep(nox_bus_new("bus"));
+    NOXStructure *structure = keep(nox_structure_new("format"));
+    nox_structure_putvar1(NOX_TYPE_STRING, structure, "text", 0, "old");
+    struct Case {
+        uint64_t copies;
+        const char *traced;
+        std::function<bool()> act;
+    };
+    const auto released = [](void *object) {
+        nox_object_delete(object);
+        return object != nullptr;
+    };
+    const Case cases[] = {
+        {1, "object create failed. size (300)",
+         [&] { return released(nox_object_new(300, "heap", 0)); }},
+        {1, "object create failed. size (300)",
+         [&] { return released(nox_object_new(300, "lockable", 1)); }},
+        {2, "can't load plgname(probesink), name(k)", [&] { return released(new_sink("k")); }},
+        {2, "message lost. name(me)code(1)",
+         [&] { return nox_bus_post_error(bus, "me", 1, "text") == 0; }},
+        {1, "structure node craete failed",
+         [&] { return nox_structure_putvar1(NOX_TYPE_STRING, structure, "text", 0, "new") == 0; }},
+    };
+    for (const Case &test : cases)
+        for (uint64_t n = 1; n <= test.copies; ++n) {
+            OSA_ThreadSleep(1); // the bus hands out what was posted
+            SIM_TraceClear();
+            const OSA_Alive before = alive();
+            fail_text_copy(n);
+            EXPECT_FALSE(test.act()) << test.traced;
+            EXPECT_TRUE(text_copy_failed()) << test.traced << ", copy " << n;
+            EXPECT_EQ(1u, SIM_TraceCount(test.traced, 1)) << SIM_TraceText();
+            EXPECT_TRUE(before.blocks == alive().blocks && before.mutexes == alive().mutexes &&
+                        before.libraries == alive().libraries)
+                << test.traced << SIM_AliveText();
+            EXPECT_TRUE(test.act()) << "and once more without a fault: " << test.traced;
+        }
 }
 
 void hold_and_drop(Record *record, uint32_t &cell)

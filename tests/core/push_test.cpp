@@ -95,6 +95,16 @@ TEST_F(Push, ByIndexReachesOneBranch)
     EXPECT_EQ(1u, SIM_TraceCount("push error to plg(", 1));
 }
 
+TEST_F(Push, APrepareAsksTheNextPluginOnly)
+{
+    EXPECT_EQ(0, nox_plugin_push_prepare(source, buffer)) << "it has no function for that";
+    tee->prepare_func = [](NOXPlugin *, void *argument) -> int32_t {
+        return static_cast<NOXBuffer *>(argument)->index;
+    };
+    nox_buffer_set_index(buffer, 8);
+    EXPECT_EQ(8, nox_plugin_push_prepare(source, buffer));
+}
+
 TEST_F(Push, IntoNothingOrIntoAPluginWithoutChainIsTold)
 {
     EXPECT_EQ(-1, nox_plugin_push_buffer(sinks[0], buffer));
