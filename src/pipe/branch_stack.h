@@ -1,5 +1,5 @@
 // The plugins whose further branches a state walk has still to visit, the most
-// recently passed one first.
+// recently passed one first. A walk that meets no branch takes no memory.
 #ifndef NOX_PIPE_BRANCH_STACK_H
 #define NOX_PIPE_BRANCH_STACK_H
 
@@ -12,7 +12,7 @@ namespace
 class BranchStack
 {
 public:
-    BranchStack() : m_records(OSA_ListCreate()) {}
+    BranchStack() = default;
     BranchStack(const BranchStack &) = delete;
     BranchStack &operator=(const BranchStack &) = delete;
 
@@ -33,6 +33,8 @@ public:
     {
         nox::Block<Record> record(static_cast<Record *>(NOX_MALLOC(sizeof(Record))));
         nox::ListNode node(record ? OSA_List_Node_new_data(record.get()) : nullptr);
+        if (m_records == nullptr)
+            m_records = OSA_ListCreate();
         if (m_records == nullptr || !node || OSA_ListAddHead(m_records, node.get()) < 0) {
             NOX_TRACE_FOR("pipe_iterate_set_state", OSA_TRACE_ERROR,
                           "no memory for the branches of (%s)\n", nox::name_of(plugin));
@@ -74,7 +76,7 @@ private:
         OSA_ListNode *cursor; // its node: asking for branch after branch by index is quadratic
     };
 
-    OSA_List *m_records;
+    OSA_List *m_records = nullptr; // made with the first record
 };
 
 } // namespace

@@ -65,11 +65,11 @@ private:
     bool m_full = false;
 };
 
-// Plugins still to visit, the last pushed first. Without memory it stays empty.
+// Plugins still to visit, the last pushed first. Takes memory with the first one.
 class PluginStack
 {
 public:
-    PluginStack() : m_list(OSA_ListCreate()) {}
+    PluginStack() = default;
     PluginStack(const PluginStack &) = delete;
     PluginStack &operator=(const PluginStack &) = delete;
 
@@ -81,6 +81,8 @@ public:
 
     bool push(NOXPlugin *plugin)
     {
+        if (m_list == nullptr)
+            m_list = OSA_ListCreate();
         nox::ListNode node(m_list != nullptr ? OSA_List_Node_new_data(plugin) : nullptr);
         if (!node || OSA_ListAddHead(m_list, node.get()) < 0)
             return false;
@@ -94,7 +96,7 @@ public:
     }
 
 private:
-    OSA_List *m_list;
+    OSA_List *m_list = nullptr;
 };
 
 // What is written on the way: the edges of the graph, or the labels of its plugins.

@@ -140,13 +140,13 @@ TEST_F(PipeTools, ADumpWritesTheTextAndTracesIt)
     EXPECT_EQ(0, nox_pipe_dump(pipe, "graph.dot"));
     EXPECT_EQ(text, SIM_FileContent("graph.dot"));
 
-    // The text; after the two lists of the walk, opening the file and writing it.
-    for (uint64_t n : {1u, 4u, 5u}) {
+    // The text, opening the file, writing it: without branches a walk takes no memory.
+    for (uint64_t n : {1u, 2u, 3u}) {
         SIM_TraceClear();
         SIM_FailNth(SIM_FallibleCount() + n);
         EXPECT_EQ(0, nox_pipe_dump(pipe, "other.dot"));
         SIM_FailNone();
-        EXPECT_EQ(n == 4 ? 0u : 1u, SIM_TraceCount("", 1)) << n;
+        EXPECT_EQ(n == 2 ? 0u : 1u, SIM_TraceCount("", 1)) << n;
         EXPECT_EQ(n == 1 ? 0u : 1u, SIM_TraceCount("s -> k;", 2)) << n;
     }
 }
