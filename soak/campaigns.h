@@ -10,6 +10,7 @@ namespace soak
 {
 
 // In virtual time: soak_sim.
+Campaigns fault_campaigns();
 Campaigns deletion_campaigns();
 Campaigns bus_campaigns();
 

@@ -6,6 +6,7 @@ int main(int argc, char **argv)
 {
     return soak::main_of(argc, argv,
                          {
+                             soak::fault_campaigns(),
                              soak::deletion_campaigns(),
                              soak::bus_campaigns(),
                          });
