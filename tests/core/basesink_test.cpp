@@ -232,6 +232,21 @@ TEST_F(Sink, CannotStartWithoutARenderFunctionAndIgnoresTheDerivedResults)
     base->render_func = nullptr;
     EXPECT_EQ(-1, nox_plugin_start(sink));
     EXPECT_EQ(1u, SIM_TraceCount("must be declaration render function\n", 1));
+    NOXBuffer *buffer = keep(nox_buffer_new(1));
+    EXPECT_EQ(-1, sink->chain_func(sink, buffer));
+    EXPECT_EQ(0, base->dataready);
+}
+
+TEST_F(Sink, WithoutAClockRendersAtOnce)
+{
+    set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+    NOXTimer *clock = sink->timer;
+    sink->timer = nullptr;
+    const uint64_t before = SIM_Tick();
+    render(60'000);
+    EXPECT_EQ(1u, script("k").taken);
+    EXPECT_EQ(before, SIM_Tick());
+    sink->timer = clock;
 }
 
 using Filter = OnStage;

@@ -241,6 +241,35 @@ TEST_F(Source, PoliciesAnswerCaptureFailuresAsDocumented)
     }
 }
 
+TEST_F(Source, HooksRunAroundTheThreadAndAfterEachPush)
+{
+    static std::atomic<uint32_t> pushes;
+    pushes = 0;
+    NOXStructure *format = nox_structure_new("format");
+    nox_structure_putvar1(NOX_TYPE_VOID, format, "errcallback", uint64_t{8}, &pushes);
+    EXPECT_EQ(0, nox_plugin_setformat(source, format));
+    nox_object_delete(format);
+    EXPECT_EQ(&pushes, base->errcallback);
+    base->postpush_func = [](NOXBaseSrc *) { ++pushes; };
+    base->prestop_func = [](NOXBaseSrc *self) -> int32_t {
+        EXPECT_NE(nullptr, self->thread) << "before the thread is joined";
+        return 5;
+    };
+    base->stop_func = [](NOXBaseSrc *self) -> int32_t {
+        EXPECT_EQ(nullptr, self->thread);
+        return 6;
+    };
+    to(NOX_STATE_PLAY);
+    OSA_ThreadSleep(100);
+    EXPECT_EQ(6, nox_plugin_stop(source));
+    EXPECT_GT(pushes, 0u);
+    EXPECT_LE(script("k").taken - pushes, 1u) << "not after the push that the stop ended";
+    EXPECT_EQ(1u, SIM_TraceCount("src(s) prestop error(5)\n", 1));
+    EXPECT_EQ(1u, SIM_TraceCount("src(s) stop error(6)\n", 1));
+    base->prestop_func = nullptr;
+    base->stop_func = nullptr;
+}
+
 TEST_F(Source, AFailingPushEndsTheThreadAndIsPosted)
 {
     script("k").take = [](NOXBuffer *) { return 4; };

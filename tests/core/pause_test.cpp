@@ -154,6 +154,20 @@ TEST(Pause, OfASourceThatProducesInAContextOfItsOwnReturns)
     player.to(NOX_STATE_PAUSE);
 }
 
+TEST(Pause, WithoutItsEventIsToldAndLeftAllTheSame)
+{
+    Stage stage;
+    Player player;
+    player.to(NOX_STATE_PLAY);
+    OSA_Event *event = player.source->state_event;
+    player.source->state_event = nullptr;
+    EXPECT_EQ(0, nox_pipe_set_state(player.pipe, NOX_STATE_PAUSE));
+    player.to(NOX_STATE_PLAY);
+    EXPECT_GT(player.arriving(), 0u);
+    EXPECT_GT(SIM_TraceCount("event wait failed..\n", 1), 0u);
+    player.source->state_event = event;
+}
+
 TEST(Pause, MeasuresNoIntervalAcrossIt)
 {
     Stage stage;

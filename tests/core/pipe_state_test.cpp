@@ -110,13 +110,21 @@ TEST_F(Graph, ARefusingPluginFailsTheChangeWithoutRollback)
     EXPECT_EQ(NOX_STATE_PAUSE, nox_plugin_get_state(k4)) << "the walk goes on";
     EXPECT_EQ(NOX_STATE_NULL, nox_plugin_get_state(s1)) << "the sources were not reached";
     EXPECT_EQ(1u, SIM_TraceCount("pipe_iterate_set_state failed (-1)\n", 1));
+    EXPECT_EQ(0, nox_pipe_linked_plugins_set_state(pipe, s1, NOX_STATE_READY));
+    EXPECT_EQ(1u, SIM_TraceCount("nox_plugin_setstate failed (u)\n", 1)) << "told, not returned";
+    reinterpret_cast<NOXBaseFilter *>(u)->stop_func = [](NOXBaseFilter *) -> int32_t { return 5; };
+    nox_pipe_set_option(pipe, NOX_PIPE_OPT_REVERSE_NULL);
+    EXPECT_EQ(-1, nox_pipe_set_state(pipe, NOX_STATE_NULL));
+    EXPECT_EQ(2u, SIM_TraceCount("nox_plugin_setstate failed (u)\n", 1));
+    EXPECT_EQ(NOX_STATE_NULL, nox_plugin_get_state(k4));
     script("u").setstate_result = 0;
-    nox_plugin_setstate(s1, NOX_STATE_PAUSE);
-    nox_plugin_setstate(s2, NOX_STATE_PAUSE);
 
-    script("k5").event_result = -1;
-    EXPECT_EQ(-1, nox_pipe_reset(pipe));
-    EXPECT_EQ(1u, SIM_TraceCount("nox_pipe_set_event fail.\n", 1));
+    for (const char *refusing : {"k5", "t", "s2"}) { // a sink, what is above one, a source
+        script(refusing).event_result = -1;
+        EXPECT_EQ(-1, nox_pipe_reset(pipe)) << refusing;
+        script(refusing).event_result = 0;
+    }
+    EXPECT_EQ(3u, SIM_TraceCount("nox_pipe_set_event fail.\n", 1));
 }
 
 TEST_F(Graph, WithoutMemoryForTheBranchStackTheBranchesFailAndTheWalkGoesOn)
