@@ -13,6 +13,7 @@ namespace soak
 Campaigns fault_campaigns();
 Campaigns deletion_campaigns();
 Campaigns bus_campaigns();
+Campaigns chain_stop_campaigns();
 
 // On the real OS layer: soak_real.
 

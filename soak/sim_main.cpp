@@ -9,5 +9,6 @@ int main(int argc, char **argv)
                              soak::fault_campaigns(),
                              soak::deletion_campaigns(),
                              soak::bus_campaigns(),
+                             soak::chain_stop_campaigns(),
                          });
 }
