@@ -37,12 +37,12 @@ struct Outcome {
     std::string remains;      // alive or misused
 };
 
-uint64_t count_failed(const char *operation, uint64_t calls)
+uint64_t count_failed(const char *call_part, uint64_t calls)
 {
     uint64_t count = 0;
-    for (uint64_t call = 1; operation != nullptr && call <= calls; ++call) {
+    for (uint64_t call = 1; call_part != nullptr && call <= calls; ++call) {
         const std::string text = SIM_FallibleText(call);
-        count += text.find(operation) != std::string::npos && text.ends_with(", failed") ? 1 : 0;
+        count += text.find(call_part) != std::string::npos && text.ends_with(", failed") ? 1 : 0;
     }
     return count;
 }
@@ -60,11 +60,11 @@ Outcome run(const Scenario &scenario, Plan plan, uint64_t seed = 1)
         outcome.was_refused = attempt.was_refused();
         outcome.saw_all = attempt.saw_all();
         outcome.errors = attempt.errors();
+        outcome.calls = attempt.calls();
     }
-    outcome.calls = SIM_FallibleCount();
     outcome.failed = SIM_FailedCount();
     if (outcome.failed > 0)
-        outcome.in_secret = count_failed(scenario.silent_operation, outcome.calls);
+        outcome.in_secret = count_failed(scenario.silent_call, outcome.calls);
     outcome.remains = stage.end();
     return outcome;
 }

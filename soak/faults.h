@@ -48,6 +48,7 @@ public:
     void see_soon(const std::function<bool()> &condition);
 
     bool start_up(const char *cache = Stage::kCachePath); // the library, and a pipe
+    bool make_pipe();                                     // where there is none
     NOXPlugin *add(const char *type, const char *name);   // a member; null when it fails
     bool chain(std::initializer_list<NOXPlugin *> plugins);
     bool set(NOXPlugin *plugin, const char *option, int32_t type, const void *value);
@@ -56,7 +57,11 @@ public:
     void see_end(); // of the stream, at all sinks
     void shut_down();
 
+    // From here on no call fails any more, and everything has to work.
+    void end_faults();
+
     // To be asked after shut_down().
+    uint64_t calls() const; // that might have failed, while one could
     bool was_refused() const;
     bool saw_all() const;
     std::vector<std::string> errors() const; // level-1 traces, errors on the bus
@@ -68,6 +73,7 @@ private:
     bool m_is_up = false;
     bool m_was_refused = false;
     bool m_saw_all = true;
+    uint64_t m_calls = 0; // at the end of faults; 0: it has not come
     std::vector<std::function<void()>> m_at_end;
 };
 
@@ -75,8 +81,8 @@ struct Scenario {
     const char *name;
     void (*story)(Attempt &attempt);
 
-    // An operation of the layer whose failure is silent by contract; null: there is none.
-    const char *silent_operation = nullptr;
+    // Part of the text of a call whose failure is silent by contract; null: there is none.
+    const char *silent_call = nullptr;
 };
 
 std::vector<Scenario> core_scenarios();

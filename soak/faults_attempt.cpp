@@ -1,5 +1,6 @@
 // What the stories of the fault sweep share: making, linking, waiting, giving back.
 
+#include <regex>
 #include <utility>
 
 #include "soak/faults.h"
@@ -16,6 +17,13 @@ constexpr uint32_t kPoll = 20;      // ms
 bool is_error(int32_t code)
 {
     return code != NOX_MSG_STARTED && code != NOX_MSG_EOS && code != NOX_MSG_SINK;
+}
+
+// Without the addresses, which differ from run to run.
+std::string without_addresses(const std::string &text)
+{
+    static const std::regex address("\\([0-9a-f]+\\)");
+    return std::regex_replace(text, address, "(...)");
 }
 
 } // namespace
@@ -47,7 +55,12 @@ void Attempt::at_end(std::function<void()> step)
 bool Attempt::start_up(const char *cache)
 {
     m_is_up = done(nox_init(cache));
-    pipe = m_is_up ? made(nox_pipe_new("player")) : nullptr;
+    return m_is_up && make_pipe();
+}
+
+bool Attempt::make_pipe()
+{
+    pipe = made(nox_pipe_new("player"));
     if (pipe != nullptr)
         inbox.attach(pipe);
     return pipe != nullptr;
@@ -110,6 +123,17 @@ void Attempt::shut_down()
     m_is_up = false;
 }
 
+void Attempt::end_faults()
+{
+    m_calls = SIM_FallibleCount();
+    SIM_FailNone();
+}
+
+uint64_t Attempt::calls() const
+{
+    return m_calls != 0 ? m_calls : SIM_FallibleCount();
+}
+
 bool Attempt::was_refused() const
 {
     return m_was_refused;
@@ -125,7 +149,7 @@ std::vector<std::string> Attempt::errors() const
     std::vector<std::string> errors;
     for (const SIM_TraceLine &line : SIM_Traces())
         if (line.level == OSA_TRACE_ERROR)
-            errors.push_back(line.module + ": " + line.text);
+            errors.push_back(line.module + ": " + without_addresses(line.text));
     for (const Posted &message : inbox.messages())
         if (is_error(message.code))
             errors.push_back("message of " + message.name + ": " + message.text);

@@ -67,6 +67,29 @@ void play_to_the_end(Attempt &attempt)
     attempt.done(nox_pipe_reset(attempt.pipe));
 }
 
+// Whatever failed in the first round, a change to NULL is the way out of it, and the next
+// round plays to the end. A pipe that was built with a failure may lack something for good:
+// nobody asks what a plugin's init answered.
+void play_again_after_faults(Attempt &attempt)
+{
+    Graph graph{};
+    if (!build(attempt, graph) || SIM_FailedCount() > 0)
+        return;
+    if (attempt.to(NOX_STATE_READY) && attempt.to(NOX_STATE_PLAY)) {
+        attempt.see_soon([] { return script("k1").taken > 0; });
+        attempt.to(NOX_STATE_PAUSE);
+    }
+    attempt.end_faults();
+    EXPECT_EQ(0, nox_pipe_set_state(attempt.pipe, NOX_STATE_NULL));
+    const uint32_t ends = attempt.inbox.count(NOX_MSG_EOS);
+    const uint32_t taken = script("k2").taken;
+    EXPECT_EQ(0, nox_pipe_set_state(attempt.pipe, NOX_STATE_PLAY));
+    const auto has_ended = [&] { return attempt.inbox.count(NOX_MSG_EOS) > ends; };
+    attempt.see_soon(has_ended);
+    EXPECT_TRUE(has_ended());
+    EXPECT_GT(script("k2").taken, taken);
+}
+
 // Members and links that change while the pipe stands.
 void rebuild(Attempt &attempt)
 {
@@ -121,9 +144,62 @@ void change_states_asynchronously(Attempt &attempt)
         return;
     for (const int32_t state : {NOX_STATE_READY, NOX_STATE_PLAY, NOX_STATE_PAUSE, NOX_STATE_NULL})
         change_asynchronously(attempt, state);
-    // Two that nobody waits for, each of which may be dropped when the pipe goes.
-    nox_pipe_set_state_async(attempt.pipe, NOX_STATE_NULL, nullptr);
-    change_asynchronously(attempt, NOX_STATE_NULL);
+}
+
+// ---- deletion in PLAY ---------------------------------------------------------------
+
+constexpr int32_t kDelete = 0x777; // a message of the application's own
+std::atomic<bool> g_is_deleted;
+
+int32_t delete_in_handler(NOXBus *, void *pipe, const char *, int32_t code, const char *)
+{
+    if (code == kDelete) {
+        nox_object_delete(pipe);
+        g_is_deleted = true;
+    }
+    return 0;
+}
+
+int32_t delete_in_callback(NOXPipe *pipe, int32_t, int32_t)
+{
+    nox_object_delete(pipe);
+    g_is_deleted = true;
+    return 0;
+}
+
+bool post_deletion(Attempt &attempt)
+{
+    nox_pipe_set_bus_handler(attempt.pipe, delete_in_handler, attempt.pipe);
+    return attempt.done(
+        nox_bus_post_error(attempt.pipe->plugin.bus, "application", kDelete, "delete"));
+}
+
+bool queue_deletion(Attempt &attempt)
+{
+    return attempt.done(
+        nox_pipe_set_state_async(attempt.pipe, NOX_STATE_PAUSE, delete_in_callback));
+}
+
+// A deletion that cannot be asked for is done here.
+void delete_everywhere(Attempt &attempt)
+{
+    if (!attempt.start_up())
+        return;
+    using Ask = bool (*)(Attempt &);
+    for (const Ask ask : {Ask{post_deletion}, Ask{queue_deletion}, Ask{nullptr}}) {
+        if (attempt.pipe == nullptr && !attempt.make_pipe())
+            continue;
+        if (attempt.chain({attempt.add("probesrc", "s"), attempt.add("probesink", "k")}))
+            attempt.to(NOX_STATE_PLAY);
+        g_is_deleted = false;
+        if (ask == nullptr || !ask(attempt)) {
+            nox_object_delete(attempt.pipe);
+        } else {
+            attempt.see_soon([] { return g_is_deleted.load(); });
+            EXPECT_TRUE(g_is_deleted) << "what was posted or queued was lost";
+        }
+        attempt.pipe = nullptr;
+    }
 }
 
 // ---- a group that restarts --------------------------------------------------------
@@ -290,8 +366,11 @@ std::vector<Scenario> core_scenarios()
 {
     return {{"startup", use_the_registry},
             {"pipe", play_to_the_end},
+            {"recovery", play_again_after_faults},
             {"rebuild", rebuild},
             {"async", change_states_asynchronously},
+            // A thread that departs has a block in reserve.
+            {"deletion", delete_everywhere, "new_block"},
             {"restart", restart_together},
             // A dump passes over a file that cannot be opened.
             {"graph", print_the_graph, "OSA_FileOpen"},
