@@ -6,6 +6,7 @@
 #include "core/own_loop.h"
 #include "internal/atomic_field.h"
 #include "internal/guard.h"
+#include "noxbasesrc.h"
 #include "pipe/noxpipe_internal.h"
 #include "plugin/own_thread.h"
 #include "timing/bus_thread.h"
@@ -99,12 +100,20 @@ bool end_sources(NOXPipe *pipe)
     return all_ended;
 }
 
+// Whether it was started and not stopped since. A pause before the pipe has started takes
+// `started` back; a live source still has its pause event then, which goes with the stop.
+bool is_to_be_stopped(const NOXPlugin *member)
+{
+    return nox::load_relaxed(member->started) ||
+           (member->issrc && reinterpret_cast<const NOXBaseSrc *>(member)->pauseevent != nullptr);
+}
+
 // Of a pipe that was not brought to NULL, what is left: first what pushes.
 void stop_started(NOXPipe *pipe)
 {
     for (const bool sources : {true, false})
         for (NOXPlugin *member : members(pipe))
-            if ((member->issrc != 0) == sources && nox::load_relaxed(member->started))
+            if ((member->issrc != 0) == sources && is_to_be_stopped(member))
                 nox_plugin_stop(member);
 }
 
