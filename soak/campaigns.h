@@ -14,6 +14,8 @@ Campaigns fault_campaigns();
 Campaigns deletion_campaigns();
 Campaigns bus_campaigns();
 Campaigns chain_stop_campaigns();
+Campaigns sources_campaigns();
+Campaigns states_campaigns();
 
 // On the real OS layer: soak_real.
 

@@ -2,8 +2,8 @@
 #ifndef SOAK_DICE_H
 #define SOAK_DICE_H
 
-#include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 #include "soak/campaign.h"
 
@@ -34,10 +34,10 @@ public:
         return below(100) < percent;
     }
 
-    template <typename T, size_t count>
-    const T &one_of(const T (&table)[count])
+    template <typename Table>
+    auto &one_of(Table &&table)
     {
-        return table[below(count)];
+        return table[below(static_cast<uint32_t>(std::size(table)))];
     }
 
 private:

@@ -41,6 +41,8 @@ void fill_slots(Base *base)
         ++script_of(self).started;
         if (script_of(self).start_ms != 0)
             OSA_ThreadSleep(script_of(self).start_ms);
+        if (script_of(self).on_start)
+            script_of(self).on_start();
         return script_of(self).start_result;
     };
     base->stop_func = [](Base *self) -> int32_t {
@@ -52,10 +54,14 @@ void fill_slots(Base *base)
     };
     base->setstate_func = [](Base *self, int32_t state) -> int32_t {
         note_of(self, std::string("to ") + nox_plugin_state_str(state));
+        if (script_of(self).on_setstate)
+            script_of(self).on_setstate(state);
         return script_of(self).setstate_result;
     };
     base->event_func = [](Base *self, NOXEvent *event) -> int32_t {
         note_of(self, "event " + std::to_string(event->type));
+        if (script_of(self).on_event)
+            script_of(self).on_event(event->type);
         return script_of(self).event_result;
     };
     base->finalize_func = [](Base *self) -> int32_t {

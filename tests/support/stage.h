@@ -32,7 +32,10 @@ struct Script {
     std::atomic<uint32_t> start_ms{0}; // how long a start takes
     std::atomic<int32_t> setstate_result{0};
     std::atomic<int32_t> event_result{0};
+    std::function<void()> on_start;
     std::function<void()> on_stop;
+    std::function<void(int32_t state)> on_setstate; // the plugin is still in the state before
+    std::function<void(int32_t type)> on_event;
 
     // What happened.
     std::atomic<uint32_t> created{0};
