@@ -242,7 +242,9 @@ OSA_Thread *OSA_ThreadCreate(const char *name, int32_t priority, uint32_t stack_
 void OSA_ThreadExit(int32_t status);
 
 /** Waits without limit for the thread to end, stores its status (pointer may be null) and
- * releases it; 0. Refused, non-zero, on that very thread. */
+ * releases it; 0. A thread that has not ended after 1 s is named by a level-1 trace, then
+ * and every 10 s from there on (1 s, 11 s, 21 s ...). Refused, non-zero, on that very
+ * thread. */
 int32_t OSA_ThreadDelete(OSA_Thread *thread, int32_t *status);
 
 /** Lets the calling thread sleep at least that long. */

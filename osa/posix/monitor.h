@@ -86,7 +86,13 @@ public:
                 pthread_cond_wait(&m_condition, &m_mutex);
             return true;
         }
-        const timespec deadline = deadline_after(timeout_ms);
+        return wait_until(deadline_after(timeout_ms), ready);
+    }
+
+    // The same with the monotonic time at which it ends.
+    template <typename Ready>
+    bool wait_until(const timespec &deadline, Ready ready)
+    {
         while (!ready())
             if (pthread_cond_timedwait(&m_condition, &m_mutex, &deadline) != 0)
                 return ready();

@@ -22,8 +22,8 @@ namespace
 
 constexpr size_t kNameSize = 16; // what the kernel takes, the closing zero included
 constexpr size_t kSmallestStack = 128 << 10;
-constexpr uint32_t kFirstReport = 1; // seconds that a thread to be deleted may take
-constexpr uint32_t kNextReports = 10;
+constexpr uint32_t kFirstReport = 1;  // seconds that a thread to be deleted may take
+constexpr uint32_t kNextReports = 10; // seconds between further reports
 
 } // namespace
 
@@ -147,10 +147,10 @@ int start(OSA_Thread &thread, int32_t priority, size_t stack_size)
     return result == EPERM ? start_by_default(thread, stack_size) : result;
 }
 
-bool wait_for_end(OSA_Thread &thread, uint32_t seconds)
+bool ends_by(OSA_Thread &thread, const timespec &deadline)
 {
     const osa::Monitor::Lock lock(thread.monitor);
-    return thread.monitor.wait(seconds * osa::kMillisecondsPerSecond, [&] { return thread.ended; });
+    return thread.monitor.wait_until(deadline, [&] { return thread.ended; });
 }
 
 } // namespace
@@ -196,13 +196,12 @@ int32_t OSA_ThreadDelete(OSA_Thread *thread, int32_t *status)
         OSA_REPORT(OSA_TRACE_ERROR, "thread \"%s\" cannot delete itself\n", thread->name);
         return -1;
     }
-    uint32_t waited = 0;
-    uint32_t next = kFirstReport;
-    while (!wait_for_end(*thread, next)) {
-        waited += next;
-        next = kNextReports;
+    // Counted from here on, so that a line that is slow to write puts off none.
+    timespec report_at = osa::deadline_after(kFirstReport * osa::kMillisecondsPerSecond);
+    for (uint32_t waited = kFirstReport; !ends_by(*thread, report_at); waited += kNextReports) {
         OSA_REPORT(OSA_TRACE_ERROR, "thread \"%s\" does not end: waited %u s, waiting on\n",
                    thread->name, waited);
+        report_at.tv_sec += kNextReports;
     }
     pthread_join(thread->id, nullptr);
     if (status != nullptr)

@@ -15,11 +15,13 @@
  * ignored. A thread that OSA_ThreadCreate did not make must not call in.
  *
  * Time passes only when no thread can run: then it jumps to the earliest
- * deadline, so a sleep of hours costs microseconds. When there is no deadline
- * either, that is a deadlock: the report names every thread, what it waits for
- * and the seed, goes to standard error, and the process aborts. So it does when
- * a run spins without letting time pass (`point_limit`), when it goes on for
- * longer than `time_limit_ms`, and when SIM_End finds a thread still running.
+ * deadline, so a sleep of hours costs microseconds. The moments at which
+ * OSA_ThreadDelete names a thread that does not end are no deadlines: it speaks
+ * when they pass for another reason. When there is no deadline either, that is a
+ * deadlock: the report names every thread, what it waits for and the seed, goes to
+ * standard error, and the process aborts. So it does when a run spins without
+ * letting time pass (`point_limit`), when it goes on for longer than
+ * `time_limit_ms`, and when SIM_End finds a thread still running.
  *
  * Data races. A build with ThreadSanitizer sees an order between two threads
  * only where the layer promises one: unlock to lock, send to wait, push to pop,

@@ -86,12 +86,12 @@ bool claim(OSA_Thread *thread)
     return true;
 }
 
-bool wait_for_end(const OSA_Thread &thread, uint64_t duration_ms)
+bool ends_by(const OSA_Thread &thread, uint64_t deadline)
 {
     Entry layer;
     sim::Wait wait;
     wait.object = &thread;
-    wait.deadline = layer->scheduler.deadline_in(duration_ms);
+    wait.deadline = deadline;
     wait.is_patient = true;
     return layer->scheduler.wait(wait);
 }
@@ -140,11 +140,10 @@ int32_t OSA_ThreadDelete(OSA_Thread *thread, int32_t *status)
         trace_refused(*thread);
         return -1;
     }
-    uint64_t waited_ms = first_warning_ms;
-    for (bool ended = wait_for_end(*thread, waited_ms); !ended; waited_ms += next_warning_ms) {
+    const uint64_t start = Entry()->scheduler.now();
+    for (uint64_t waited_ms = first_warning_ms; !ends_by(*thread, start + waited_ms);
+         waited_ms += next_warning_ms)
         trace_slow_end(*thread, waited_ms);
-        ended = wait_for_end(*thread, next_warning_ms);
-    }
     Entry layer;
     sim::order_acquire(thread);
     pthread_join(thread->system_thread, nullptr);

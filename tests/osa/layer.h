@@ -22,7 +22,8 @@ struct LayerUnderTest {
     std::string (*misuses)();        // a line each, forgotten then
     bool is_simulated;               // a wait takes its time and not a tick more
     uint32_t rounds;                 // what threads that race do to be found out
-    uint32_t slow_ms, slow_warnings; // a thread's way to its end, and how often it is named
+    uint32_t slow_ms;                // a thread's way to its end
+    std::vector<uint32_t> slow_told; // seconds after which it is named
 };
 extern const LayerUnderTest kLayer;
 
@@ -58,6 +59,12 @@ protected:
         const std::lock_guard lock(m_mutex);
         return kLayer.misuses() + std::exchange(m_errors, "");
     }
+    // The ticks of the errors traced so far.
+    std::vector<uint64_t> error_ticks()
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_error_ticks;
+    }
     bool complains(const char *words)
     {
         const std::string said = complaints();
@@ -70,9 +77,9 @@ protected:
         OSA_AliveGet(&counts);
         return counts;
     }
-    static bool took(uint64_t start, uint32_t duration_ms)
+    static bool took(uint64_t start, uint32_t duration_ms, uint64_t end = OSA_GetSystemTick())
     {
-        const uint64_t elapsed = OSA_GetSystemTick() - start;
+        const uint64_t elapsed = end - start;
         return kLayer.is_simulated ? elapsed == duration_ms : elapsed >= duration_ms;
     }
 
@@ -101,14 +108,21 @@ private:
     static void receive(void *user, const OSA_TraceRecord *record)
     {
         Layer &self = *static_cast<Layer *>(user);
+        const uint64_t tick = OSA_GetSystemTick(); // where another thread may come in
         const std::lock_guard lock(self.m_mutex);
         const std::string line = std::to_string(record->level) + " " + record->text;
-        (record->level == OSA_TRACE_ERROR ? self.m_errors : self.m_traced) += line;
+        if (record->level != OSA_TRACE_ERROR) {
+            self.m_traced += line;
+            return;
+        }
+        self.m_errors += line;
+        self.m_error_ticks.push_back(tick);
     }
 
     std::mutex m_mutex;
     std::string m_traced;
     std::string m_errors;
+    std::vector<uint64_t> m_error_ticks;
     std::set<std::string> m_files;
 };
 

@@ -9,7 +9,7 @@ const LayerUnderTest kLayer = {
     .is_simulated = false,
     .rounds = 20'000,
     .slow_ms = 1'200,
-    .slow_warnings = 1,
+    .slow_told = {1},
 };
 
 INSTANTIATE_TEST_SUITE_P(Linux, EverySchedule, testing::Values(1));

@@ -14,8 +14,8 @@ const LayerUnderTest kLayer = {
         },
     .is_simulated = true,
     .rounds = 10,
-    .slow_ms = 11'200,
-    .slow_warnings = 2,
+    .slow_ms = 31'200,
+    .slow_told = {1, 11, 21, 31},
 };
 
 INSTANTIATE_TEST_SUITE_P(Simulated, EverySchedule, testing::Range<uint64_t>(1, 21));

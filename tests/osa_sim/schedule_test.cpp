@@ -99,6 +99,16 @@ void wait_across_locks()
     OSA_MutexLock(mutexes[1], OSA_WAIT_FOREVER);
 }
 
+// The time that the other takes makes the wait for the stuck one speak; by itself the
+// wait lets no time pass.
+void wait_for_a_thread_that_never_ends()
+{
+    SIM_Begin();
+    OSA_Event *event = OSA_EventCreate(0);
+    TestThread other("other", [] { OSA_ThreadSleep(12'000); });
+    TestThread("stuck", [event] { OSA_EventWait(event, OSA_WAIT_FOREVER); });
+}
+
 TEST(StuckDeathTest, TheReportNamesEveryThreadWithItsWait)
 {
     const struct {
@@ -110,10 +120,15 @@ TEST(StuckDeathTest, TheReportNamesEveryThreadWithItsWait)
                          "  thread \"sender\": queue \"bus\" \\(no limit\\)"},
         {wait_across_locks, "thread \"main\": mutex 2 held by thread \"other\" \\(no limit\\)\n"
                             "  thread \"other\": mutex 1 held by thread \"main\" \\(no limit\\)"},
+        {wait_for_a_thread_that_never_ends,
+         "deadlock \\(seed 1, tick 13000\\)\n"
+         "  thread \"main\": thread \"stuck\" to end \\(no limit\\)\n"
+         "  thread \"stuck\": event 1 \\(no limit\\)\n"
+         "(.|\n)* 2.000. (.|\n)*waited 1 s, (.|\n)* 12.000. (.|\n)*waited 11 s, "},
         {[] {
              SIM_Begin({.point_limit = 1000});
-             while (OSA_GetSystemTick() == SIM_Tick()) {
-             }
+             for (int call = 0; call < 1001; ++call)
+                 SIM_Point();
          },
          "no time passed during 1000 calls"},
         {[] {
