@@ -73,7 +73,7 @@ struct SIM_Options {
     uint64_t first_tick = 1000;   /**< OSA_GetSystemTick at the start, milliseconds */
     uint32_t switch_percent = 50; /**< chance of a switch at each point; 0: only when blocked */
     uint64_t point_limit = 10'000'000;  /**< points that may pass while time stands still */
-    uint64_t time_limit_ms = 3'600'000; /**< virtual time that a run may take */
+    uint64_t time_limit_ms = 3'600'000; /**< virtual time that a run may spend in waits */
     int32_t trace_level = 4;            /**< first value of OSA_TraceThreshold */
     bool echo = false;                  /**< print trace lines too */
 };

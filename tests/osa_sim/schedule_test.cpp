@@ -138,7 +138,8 @@ TEST(StuckDeathTest, TheReportNamesEveryThreadWithItsWait)
                      OSA_ThreadSleep(1000);
              });
          },
-         "still running after 60000 ms(.|\n)*thread \"main\": thread \"poller\" to end"},
+         "still running after 60000 ms \\(seed 1, tick 61000\\)(.|\n)*thread \"main\": thread "
+         "\"poller\" to end"},
         {[] {
              SIM_Begin();
              const TestThread left("left", [] { OSA_ThreadSleep(1000); });
@@ -148,6 +149,18 @@ TEST(StuckDeathTest, TheReportNamesEveryThreadWithItsWait)
     };
     for (const auto &each : cases)
         EXPECT_DEATH(each.get_stuck(), each.report);
+}
+
+TEST(Schedule, LimitsAreOnCallsWithoutTimeAndOnTimeSpentWaiting)
+{
+    SIM_Begin({.point_limit = 1000, .time_limit_ms = 60'000});
+    for (int wait = 0; wait < 3; ++wait) {
+        for (int call = 0; call < 999; ++call)
+            SIM_Point();
+        OSA_ThreadSleep(20'000); // the thousandth
+        SIM_TickAdvance(1'000'000);
+    }
+    EXPECT_EQ("", SIM_End());
 }
 
 #ifdef __SANITIZE_THREAD__
