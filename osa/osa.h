@@ -148,7 +148,7 @@ int32_t OSA_ListAddTail(OSA_List *list, OSA_ListNode *node);
 int32_t OSA_ListAddHead(OSA_List *list, OSA_ListNode *node);
 /** @} */
 
-/** Unlinks a node of this list; the node and its data stay alive. A node of no
+/** Unlinks a node of this list; the node and its data stay alive, its links are null. A node of no
  * list, or at an end of another, is refused (non-zero); one from the middle of
  * another list need not be noticed, so be sure of the list. */
 int32_t OSA_ListDel(OSA_List *list, OSA_ListNode *node);
@@ -180,7 +180,8 @@ void OSA_List_Node_delete(OSA_ListNode *node);
 /** A recursive mutex, unlocked, or null. Release with OSA_MutexDestroy. */
 OSA_Mutex *OSA_MutexCreate(void);
 
-/** Refused (non-zero), and the mutex stays, while a thread holds or waits for it. */
+/** Refused (non-zero), and the mutex stays, while a thread holds it, this one included,
+ * or waits for it. */
 int32_t OSA_MutexDestroy(OSA_Mutex *mutex);
 
 /** Locks, once more when the thread has it already. 0; non-zero when `timeout_ms` passed
@@ -193,8 +194,8 @@ int32_t OSA_MutexUnLock(OSA_Mutex *mutex);
 /* ---- events -------------------------------------------------------------- */
 
 /** An event, not signalled, or null. It latches and resets itself: a send that
- * finds a waiter releases exactly that one, even if it has not run yet; any other
- * send is kept for the next to wait, and further ones before that wait add
+ * finds waiters releases the one that came first, even if it has not run yet; any
+ * other send is kept for the next to wait, and further ones before that wait add
  * nothing. `kind` is reserved. Release with OSA_EventDestroy. */
 OSA_Event *OSA_EventCreate(int32_t kind);
 

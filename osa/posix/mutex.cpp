@@ -1,4 +1,6 @@
-// Recursive mutexes.
+// Recursive mutexes, on plain ones of the system: who holds one is known here, so
+// that the destruction of a mutex in use is refused before the system sees it,
+// where it would be undefined.
 
 #include "osa/common/export.h"
 
@@ -25,42 +27,28 @@
 #endif
 
 struct OSA_Mutex {
-    pthread_mutex_t handle;
-    std::atomic<uint32_t> waiting{0}; // threads that found it locked
+    pthread_mutex_t handle = PTHREAD_MUTEX_INITIALIZER;
+    std::atomic<const void *> holder{nullptr}; // a thread, by an address of its own
+    uint32_t depth = 0;                        // locks of the holder, which alone looks
+    std::atomic<uint32_t> waiting{0};          // threads that found it locked
 };
 
 namespace
 {
 
-class RecursiveAttributes
+constinit thread_local char t_self __attribute__((tls_model("initial-exec"))) = 0;
+
+// Relaxed, since a thread only asks whether it holds the mutex itself.
+bool is_mine(const OSA_Mutex &mutex)
 {
-public:
-    RecursiveAttributes()
-    {
-        pthread_mutexattr_init(&m_attributes);
-        pthread_mutexattr_settype(&m_attributes, PTHREAD_MUTEX_RECURSIVE);
-    }
-    ~RecursiveAttributes()
-    {
-        pthread_mutexattr_destroy(&m_attributes);
-    }
-    RecursiveAttributes(const RecursiveAttributes &) = delete;
-    RecursiveAttributes &operator=(const RecursiveAttributes &) = delete;
-
-    const pthread_mutexattr_t *get() const
-    {
-        return &m_attributes;
-    }
-
-private:
-    pthread_mutexattr_t m_attributes;
-};
+    return mutex.holder.load(std::memory_order_relaxed) == &t_self;
+}
 
 // ThreadSanitizer does not know pthread_mutex_clocklock, so it is told.
 int lock_until(pthread_mutex_t *mutex, const timespec &deadline)
 {
 #ifdef OSA_WITH_TSAN
-    const unsigned flags = __tsan_mutex_try_lock | __tsan_mutex_write_reentrant;
+    const unsigned flags = __tsan_mutex_try_lock;
     __tsan_mutex_pre_lock(mutex, flags);
     const int result = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
     __tsan_mutex_post_lock(mutex, result == 0 ? flags : flags | __tsan_mutex_try_lock_failed, 0);
@@ -83,6 +71,17 @@ int lock(OSA_Mutex &mutex, uint32_t timeout_ms)
     return waited;
 }
 
+// Whoever gets the lock at once knows of no holder, and comes after all that the last
+// one did.
+bool is_in_use(OSA_Mutex &mutex)
+{
+    if (pthread_mutex_trylock(&mutex.handle) != 0)
+        return true;
+    const bool waited_for = mutex.waiting.load(std::memory_order_acquire) != 0;
+    pthread_mutex_unlock(&mutex.handle);
+    return waited_for;
+}
+
 } // namespace
 
 extern "C" {
@@ -90,13 +89,8 @@ extern "C" {
 OSA_Mutex *OSA_MutexCreate(void)
 {
     OSA_Mutex *mutex = new (std::nothrow) OSA_Mutex;
-    if (mutex == nullptr)
-        return nullptr;
-    if (pthread_mutex_init(&mutex->handle, RecursiveAttributes().get()) != 0) {
-        delete mutex;
-        return nullptr;
-    }
-    osa::count_alive(osa::Kind::mutex, 1);
+    if (mutex != nullptr)
+        osa::count_alive(osa::Kind::mutex, 1);
     return mutex;
 }
 
@@ -104,13 +98,12 @@ int32_t OSA_MutexDestroy(OSA_Mutex *mutex)
 {
     if (mutex == nullptr)
         return -1;
-    // The system says that it is held, not that a thread waits for its turn.
-    if (mutex->waiting.load(std::memory_order_acquire) != 0 ||
-        pthread_mutex_destroy(&mutex->handle) != 0) {
+    if (is_in_use(*mutex)) {
         OSA_REPORT(OSA_TRACE_ERROR, "mutex %p not destroyed: a thread holds it or waits for it\n",
                    static_cast<void *>(mutex));
         return -1;
     }
+    pthread_mutex_destroy(&mutex->handle);
     delete mutex;
     osa::count_alive(osa::Kind::mutex, -1);
     return 0;
@@ -118,12 +111,26 @@ int32_t OSA_MutexDestroy(OSA_Mutex *mutex)
 
 int32_t OSA_MutexLock(OSA_Mutex *mutex, uint32_t timeout_ms)
 {
-    return mutex != nullptr && lock(*mutex, timeout_ms) == 0 ? 0 : -1;
+    if (mutex == nullptr)
+        return -1;
+    if (!is_mine(*mutex)) {
+        if (lock(*mutex, timeout_ms) != 0)
+            return -1;
+        mutex->holder.store(&t_self, std::memory_order_relaxed);
+    }
+    ++mutex->depth;
+    return 0;
 }
 
 int32_t OSA_MutexUnLock(OSA_Mutex *mutex)
 {
-    return mutex != nullptr && pthread_mutex_unlock(&mutex->handle) == 0 ? 0 : -1;
+    if (mutex == nullptr || !is_mine(*mutex))
+        return -1;
+    if (--mutex->depth == 0) {
+        mutex->holder.store(nullptr, std::memory_order_relaxed);
+        pthread_mutex_unlock(&mutex->handle);
+    }
+    return 0;
 }
 
 } // extern "C"

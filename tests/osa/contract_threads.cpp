@@ -17,32 +17,48 @@ void let_them_wait(const std::atomic<uint32_t> &arrived, uint32_t number)
     OSA_ThreadSleep(200);
 }
 
-TEST_P(EverySchedule, AMutexIsRecursiveAndTimesOutForOthers)
+TEST_P(EverySchedule, AMutexIsRecursiveAndTimesOutForOthersAndStaysWhileInUse)
 {
     OSA_Mutex *mutex = OSA_MutexCreate();
+    const auto expect_in_use = [&] {
+        EXPECT_NE(OSA_MutexDestroy(mutex), 0);
+        EXPECT_TRUE(complains("mutex"));
+    };
     EXPECT_EQ(OSA_MutexLock(mutex, OSA_WAIT_FOREVER), 0);
     EXPECT_EQ(OSA_MutexLock(mutex, 0), 0);
     EXPECT_EQ(OSA_MutexUnLock(mutex), 0);
+    expect_in_use();
     OSA_Event *timed_out = OSA_EventCreate(0);
+    OSA_Event *looked_at = OSA_EventCreate(0);
     {
         const TestThread other("other", [&] {
             const uint64_t start = OSA_GetSystemTick();
             EXPECT_NE(OSA_MutexLock(mutex, 0), 0);
+            EXPECT_TRUE(took(start, 0));
             EXPECT_NE(OSA_MutexLock(mutex, 30), 0);
             EXPECT_TRUE(took(start, 30));
+            EXPECT_NE(OSA_MutexUnLock(mutex), 0);
+            EXPECT_EQ(complains("not locked by this thread"), kLayer.is_simulated);
+            expect_in_use();
             OSA_EventSend(timed_out);
             EXPECT_EQ(OSA_MutexLock(mutex, 60'000), 0);
+            OSA_EventWait(looked_at, OSA_WAIT_FOREVER);
             EXPECT_EQ(OSA_MutexUnLock(mutex), 0);
         });
         EXPECT_EQ(OSA_EventWait(timed_out, OSA_WAIT_FOREVER), 0);
         OSA_ThreadSleep(20);
         EXPECT_EQ(OSA_MutexUnLock(mutex), 0);
+        expect_in_use(); // whether the other has it already or is about to
+        OSA_EventSend(looked_at);
     }
+    EXPECT_NE(OSA_MutexUnLock(mutex), 0);
+    EXPECT_EQ(complains("not locked by this thread"), kLayer.is_simulated);
     EXPECT_EQ(OSA_EventDestroy(timed_out), 0);
+    EXPECT_EQ(OSA_EventDestroy(looked_at), 0);
     EXPECT_EQ(OSA_MutexDestroy(mutex), 0);
 }
 
-TEST_P(EverySchedule, AnEventLatchesOnceAndEachSendReleasesOneWaiter)
+TEST_P(EverySchedule, AnEventLatchesOnceAndEachSendReleasesTheOldestWaiter)
 {
     OSA_Event *event = OSA_EventCreate(0);
     EXPECT_NE(OSA_EventWait(event, 0), 0);
@@ -56,24 +72,26 @@ TEST_P(EverySchedule, AnEventLatchesOnceAndEachSendReleasesOneWaiter)
     EXPECT_EQ(OSA_EventWait(event, 0), 0) << "a wait that timed out takes no send";
 
     std::atomic<uint32_t> arrived{0};
-    std::atomic<uint32_t> released{0};
-    const auto wait = [&] {
+    std::atomic<uint32_t> released{0}; // a bit each
+    const auto wait = [&](uint32_t bit) {
         ++arrived;
-        EXPECT_EQ(OSA_EventWait(event, OSA_WAIT_FOREVER), 0);
-        ++released;
+        EXPECT_EQ(OSA_EventWait(event, 60'000), 0);
+        released |= bit;
     };
     {
-        const TestThread waiters[] = {{"first", wait}, {"second", wait}, {"third", wait}};
-        let_them_wait(arrived, 3);
+        std::vector<std::unique_ptr<TestThread>> waiters;
+        for (const uint32_t bit : {1u, 2u, 4u}) {
+            waiters.push_back(std::make_unique<TestThread>("waiter", [&, bit] { wait(bit); }));
+            let_them_wait(arrived, static_cast<uint32_t>(waiters.size()));
+        }
         EXPECT_NE(OSA_EventDestroy(event), 0);
         EXPECT_TRUE(complains("a thread waits for it"));
         OSA_EventSend(event);
         OSA_EventSend(event);
         EXPECT_NE(OSA_EventWait(event, 0), 0) << "both sends are the waiters'";
-        while (released < 2)
-            OSA_ThreadSleep(1);
+        waiters.erase(waiters.begin(), waiters.begin() + 2);
         OSA_ThreadSleep(20);
-        EXPECT_EQ(released, 2u);
+        EXPECT_EQ(released, 3u);
         OSA_EventSend(event);
     }
     EXPECT_EQ(OSA_EventDestroy(event), 0);
@@ -91,15 +109,18 @@ TEST_P(EverySchedule, AQueuePopsNoLongerThanAskedAndLeavesTheSizeAlone)
     EXPECT_NE(OSA_QueuePush(queue, nullptr, 1), 0);
     EXPECT_TRUE(complains("nothing came"));
     std::atomic<uint32_t> arrived{0};
+    const auto wait = [&] {
+        ++arrived;
+        EXPECT_EQ(OSA_QueuePop(queue, nullptr, 60'000), &size);
+    };
     {
-        const TestThread waiter("waiter", [&] {
-            ++arrived;
-            EXPECT_EQ(OSA_QueuePop(queue, nullptr, OSA_WAIT_FOREVER), &size);
-        });
-        let_them_wait(arrived, 1);
+        const TestThread waiters[] = {{"first", wait}, {"second", wait}};
+        let_them_wait(arrived, 2);
         EXPECT_NE(OSA_QueueDestroy(queue), 0);
         EXPECT_TRUE(complains("a thread waits for it"));
         EXPECT_EQ(OSA_QueuePush(queue, &size, 1), 0);
+        EXPECT_EQ(OSA_QueuePush(queue, &size, 1), 0) << "for the other, though the first entry is "
+                                                        "there still";
     }
     EXPECT_EQ(OSA_QueuePush(queue, &size, 1), 0);
     EXPECT_EQ(OSA_QueueDestroy(queue), 0) << "what is left is dropped";
