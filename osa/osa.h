@@ -148,9 +148,9 @@ int32_t OSA_ListAddTail(OSA_List *list, OSA_ListNode *node);
 int32_t OSA_ListAddHead(OSA_List *list, OSA_ListNode *node);
 /** @} */
 
-/** Unlinks a node of this list; the node and its data stay alive, its links are null. A node of no
- * list, or at an end of another, is refused (non-zero); one from the middle of
- * another list need not be noticed, so be sure of the list. */
+/** Unlinks a node of this list; the node, its links null then, and its data stay
+ * alive. A node of no list, or at an end of another, is refused (non-zero); one from
+ * the middle of another list need not be noticed, so be sure of the list. */
 int32_t OSA_ListDel(OSA_List *list, OSA_ListNode *node);
 
 /** The node there, lent. Null at the end, and for a null list or node. @{ */

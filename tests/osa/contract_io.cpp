@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -102,6 +103,13 @@ TEST_F(Contract, ALibraryGivesItsFunctionsAndADamagedOneIsRefusedInPlainWords)
     EXPECT_EQ(answer(), 42);
     EXPECT_EQ(OSA_LibraryGetFunc(library, "question"), nullptr);
     EXPECT_EQ(OSA_LibraryUnLoad(library), 0);
+    const std::filesystem::path folder = std::filesystem::current_path();
+    const std::filesystem::path in_place = LOADABLE_PATH;
+    std::filesystem::current_path(in_place.parent_path());
+    library = OSA_LibraryLoad(in_place.filename().c_str());
+    EXPECT_NE(library, nullptr) << "a bare name is one of the working folder";
+    OSA_LibraryUnLoad(library);
+    std::filesystem::current_path(folder);
 
     std::ostringstream content;
     content << std::ifstream(LOADABLE_PATH, std::ios::binary).rdbuf();
@@ -137,7 +145,7 @@ TEST_F(Contract, ALibraryGivesItsFunctionsAndADamagedOneIsRefusedInPlainWords)
     }
     ASSERT_TRUE(unlink(path.c_str()) == 0 && mkfifo(path.c_str(), 0600) == 0);
     expect_refusal(path, "not a regular file");  // and nobody waits for a writer
-    expect_refusal("libc.so.6", "No such file"); // a bare name is not searched for
+    expect_refusal("libc.so.6", "No such file"); // and not searched for
     expect_refusal(std::string(5000, 'x'), "too long");
 }
 

@@ -139,7 +139,8 @@ TEST_F(Contract, AListIsWalkedBothWaysAndGivesUpItsOwnNodesOnly)
     EXPECT_EQ(walk(), "4abcddcba");
     EXPECT_EQ(OSA_List_GetNthList(list, 0), nodes[0]);
     EXPECT_EQ(OSA_List_GetNthList(list, 2), nodes[2]);
-    EXPECT_EQ(OSA_List_GetNthList(list, 4), nullptr);
+    for (const uint32_t past : {4u, 5u, UINT32_MAX})
+        EXPECT_EQ(OSA_List_GetNthList(list, past), nullptr) << past;
     const struct {
         OSA_ListNode *node;
         const char *left;
@@ -147,6 +148,7 @@ TEST_F(Contract, AListIsWalkedBothWaysAndGivesUpItsOwnNodesOnly)
     for (const auto &each : removals) {
         EXPECT_EQ(OSA_ListDel(list, each.node), 0);
         EXPECT_EQ(walk(), each.left);
+        EXPECT_TRUE(each.node->next == nullptr && each.node->prev == nullptr) << each.left;
         EXPECT_NE(OSA_ListDel(list, each.node), 0) << "not in it any more";
         EXPECT_TRUE(complains("is not in list"));
         OSA_List_Node_delete(each.node);

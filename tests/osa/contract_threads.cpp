@@ -9,14 +9,6 @@
 namespace
 {
 
-// Lets threads that count themselves in just before they wait get there.
-void let_them_wait(const std::atomic<uint32_t> &arrived, uint32_t number)
-{
-    while (arrived < number)
-        OSA_ThreadSleep(1);
-    OSA_ThreadSleep(200);
-}
-
 TEST_P(EverySchedule, AMutexIsRecursiveAndTimesOutForOthersAndStaysWhileInUse)
 {
     OSA_Mutex *mutex = OSA_MutexCreate();

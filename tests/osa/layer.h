@@ -3,6 +3,7 @@
 #ifndef TESTS_OSA_LAYER_H
 #define TESTS_OSA_LAYER_H
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <set>
@@ -81,6 +82,14 @@ protected:
     {
         const uint64_t elapsed = end - start;
         return kLayer.is_simulated ? elapsed == duration_ms : elapsed >= duration_ms;
+    }
+
+    // Lets threads that count themselves in just before they wait get there.
+    static void let_them_wait(const std::atomic<uint32_t> &arrived, uint32_t number)
+    {
+        while (arrived < number)
+            OSA_ThreadSleep(1);
+        OSA_ThreadSleep(200);
     }
 
     static std::vector<void *> take(size_t number, uint32_t size = kSize)

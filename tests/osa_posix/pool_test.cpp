@@ -58,7 +58,12 @@ void work_without_keys_of_the_system()
     for (void *block : blocks)
         OSA_SFree(block, 64);
     const bool reused = blocks.count(nullptr) == 0 && blocks.count(OSA_SMalloc(64)) == 1;
-    std::exit(reused && alive.pool_blocks == 1000 && pthread_getspecific(first) == nullptr ? 0 : 1);
+    OSA_Alive after;
+    OSA_AliveGet(&after);
+    std::exit(reused && alive.pool_blocks == 1000 && after.pool_blocks == 1 &&
+                      pthread_getspecific(first) == nullptr
+                  ? 0
+                  : 1);
 }
 
 TEST(PoolsDeathTest, ServeAProgramThatHasUsedUpTheKeysOfThreads)
@@ -107,6 +112,30 @@ size_t bytes_in_use()
 {
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;
+}
+
+using Memory = Layer;
+
+void *keep(uint32_t size)
+{
+    void *block = OSA_Malloc(size, 0, 0, "test", 1, "test");
+    OSA_Free(block, 0);
+    return block;
+}
+
+TEST_F(Memory, LargeBlocksAreKeptForTheirOwnSizeAndWithinBounds)
+{
+    const void *block = keep(100'000);
+    for (const uint32_t size : {99'999u, 100'001u, 200'000u, 65u << 20})
+        EXPECT_NE(keep(size), block) << size;
+    EXPECT_EQ(keep(100'000), block) << "no block of another size took its place";
+    const size_t before = bytes_in_use();
+    for (uint32_t size = 100'002; size < 100'042; ++size)
+        keep(size);
+    EXPECT_LT(bytes_in_use(), before + 17 * 101'000) << "16 blocks";
+    for (uint32_t more = 0; more < 8; ++more)
+        keep((20u << 20) + more);
+    EXPECT_LT(bytes_in_use(), before + (65u << 20)) << "64 MiB";
 }
 
 TEST_F(Pools, MemoryStaysFlatOverManyStartsAndStops)

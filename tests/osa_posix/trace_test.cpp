@@ -45,12 +45,17 @@ TEST_F(Trace, LinesAreHeadedAndEndedAndWhole)
 {
     OSA_Trace("module", 1, "source", 12, "function", "first\n");
     OSA_Trace("module", 2, "source", 12, "function", "%s", "second");
-    OSA_Traces("bare %d\n", 3);
+    OSA_TraceSetLevel(4);
+    OSA_Trace("module", 3, "source", 12, "function", "third\n");
+    OSA_Trace("module", 4, nullptr, 12, nullptr, "fourth\n");
+    OSA_Traces("bare %d\n", 5);
     const std::regex expected("\\[ *\\d+\\.\\d{3}\\] E module source:12 function: first\n"
                               "\\[ *\\d+\\.\\d{3}\\] N module source:12 function: second\n"
-                              "bare 3\n");
-    const std::string three = written();
-    EXPECT_TRUE(std::regex_match(three, expected)) << three;
+                              "\\[ *\\d+\\.\\d{3}\\] I module source:12 function: third\n"
+                              "\\[ *\\d+\\.\\d{3}\\] V module -:12 -: fourth\n"
+                              "bare 5\n");
+    const std::string lines = written();
+    EXPECT_TRUE(std::regex_match(lines, expected)) << lines;
     for (const size_t length : {900u, 1000u, 1023u, 1024u, 1025u, 5000u}) {
         const std::string text(length, 'x');
         OSA_Traces("%s", text.c_str());
