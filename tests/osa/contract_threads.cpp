@@ -103,7 +103,7 @@ TEST_P(EverySchedule, AQueuePopsNoLongerThanAskedAndLeavesTheSizeAlone)
     std::atomic<uint32_t> arrived{0};
     const auto wait = [&] {
         ++arrived;
-        EXPECT_EQ(OSA_QueuePop(queue, nullptr, 60'000), &size);
+        EXPECT_EQ(OSA_QueuePop(queue, nullptr, 10'000), &size);
     };
     {
         const TestThread waiters[] = {{"first", wait}, {"second", wait}};

@@ -155,6 +155,9 @@ public:
     }
     ~TestThread()
     {
+        // On a busy machine a thread may take so long that its deletion would speak.
+        while (!kLayer.is_simulated && m_thread != nullptr && !m_done)
+            OSA_ThreadSleep(1);
         OSA_ThreadDelete(m_thread, nullptr);
     }
     TestThread(const TestThread &) = delete;
@@ -164,10 +167,12 @@ private:
     static int32_t run(void *self)
     {
         static_cast<TestThread *>(self)->m_body();
+        static_cast<TestThread *>(self)->m_done = true;
         return 0;
     }
 
     std::function<void()> m_body;
+    std::atomic<bool> m_done{false};
     OSA_Thread *m_thread;
 };
 
