@@ -31,6 +31,19 @@ TEST(Notation, AMadeNameAvoidsAGivenOneThatComesLater)
     EXPECT_EQ(elements[1].name, "b2");
 }
 
+TEST(Notation, TheWorkGrowsNoFasterThanTheText)
+{
+    constexpr size_t kMany = 50000; // a look at each for each would take hours
+    std::string chain = "a name=a", options = "a";
+    for (size_t index = 2; index <= kMany; ++index) {
+        chain += " ! a";
+        options += " k" + std::to_string(index) + "=";
+    }
+    EXPECT_EQ(parse_notation(chain).back().name, "a" + std::to_string(kMany));
+    EXPECT_EQ(parse_notation(options)[0].options.size(), kMany - 1);
+    EXPECT_THROW(parse_notation(chain + " ! a."), NotationError);
+}
+
 TEST(Notation, ErrorsPointAtThePlace)
 {
     const struct {
@@ -62,7 +75,9 @@ TEST(Notation, ErrorsPointAtThePlace)
                  {"a ! b name=b b. ! c ! b.", 22, "cycle: b ! c ! b"},
                  {"a name=a ! b name=b c ! b.", 24, "one input"},
                  {"a \"quoted\"", 2, "no element"},
-                 {"a =v", 2, "no element"}};
+                 {"a =v", 2, "no element"},
+                 {"a \x1b[2J. ! b", 2, "no NAME."},
+                 {"a ! b!c.", 4, "blank on both sides"}};
     for (const auto &[text, place, message] : cases) {
         try {
             parse_notation(text);
@@ -82,4 +97,13 @@ TEST(Notation, CaretsStandUnderThePlaceWhateverIsBeforeIt)
     EXPECT_LT(far.size(), 200u);
     EXPECT_EQ(far.substr(far.rfind(' ') + 1), std::string(28, '^'));
     EXPECT_EQ(show_place("", {0, 0}), "  \n  ^");
+
+    std::string notes; // of three bytes each, none of which is cut
+    for (int count = 0; count < 50; ++count)
+        notes += "\xE2\x99\xAB";
+    EXPECT_EQ(show_place(notes, {75, 3}),
+              "  " + notes.substr(27, 75) + "\n  " + std::string(16, ' ') + "^");
+    const std::string more = notes + "!" + notes;
+    EXPECT_EQ(show_place(more, {151, 3}),
+              "  " + more.substr(102, 76) + "\n  " + std::string(17, ' ') + "^");
 }

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace
 {
@@ -27,6 +29,11 @@ bool is_name(std::string_view name)
     return !name.empty() && name.back() != '.' &&
            name.find_first_of("=!\"'\\()") == std::string_view::npos &&
            std::none_of(name.begin(), name.end(), is_control);
+}
+
+bool is_reference(std::string_view word)
+{
+    return word.size() > 1 && word.back() == '.' && is_name(word.substr(0, word.size() - 1));
 }
 
 class Parser
@@ -75,7 +82,7 @@ private:
         position_ += place.length;
         if (word == "!")
             take_link(place);
-        else if (word.size() > 1 && word.back() == '.')
+        else if (is_reference(word))
             take_reference(word.substr(0, word.size() - 1), place);
         else if (is_name(word))
             take_element(word, place);
@@ -105,18 +112,19 @@ private:
             element.upstream = current_;
         current_ = elements_.size();
         elements_.push_back(std::move(element));
+        keys_.clear();
         after_ = After::element;
     }
 
     void take_reference(const std::string &name, Place place)
     {
         require_link_after_reference();
-        const size_t found = find(name);
-        if (found == elements_.size())
+        const auto found = names_.find(name);
+        if (found == names_.end())
             fail(place, "no element before this place has name=" + name);
         if (after_ == After::link)
-            refuse_join(found, place);
-        current_ = found;
+            refuse_join(found->second, place);
+        current_ = found->second;
         after_ = After::reference;
         last_ = place;
     }
@@ -133,9 +141,8 @@ private:
         take_value(option);
         if (option.key == "name")
             return take_name(option);
-        for (const OptionText &other : elements_[current_].options)
-            if (other.key == option.key)
-                fail(option.key_place, "option " + option.key + " is given twice");
+        if (!keys_.insert(option.key).second)
+            fail(option.key_place, "option " + option.key + " is given twice");
         elements_[current_].options.push_back(std::move(option));
     }
 
@@ -197,34 +204,35 @@ private:
             fail(option.value_place,
                  "a name needs at least one character, no blanks, none of =!\"'\\() and no dot "
                  "at its end");
-        if (find(option.value) != elements_.size())
+        if (!names_.emplace(option.value, current_).second)
             fail(option.value_place, "another element has this name already");
         element.name = option.value;
         element.named = true;
-    }
-
-    // The element of that name, or the number of elements.
-    size_t find(const std::string &name) const
-    {
-        const auto found =
-            std::find_if(elements_.begin(), elements_.end(),
-                         [&](const ElementText &element) { return element.name == name; });
-        return static_cast<size_t>(found - elements_.begin());
     }
 
     // Every element has one input, so a link into one that stands before can only
     // make a cycle or take its input away.
     [[noreturn]] void refuse_join(size_t target, Place place) const
     {
-        const std::string name = elements_[target].name;
-        std::string way = name;
+        const std::string &name = elements_[target].name;
+        std::vector<size_t> way;
         for (std::optional<size_t> above = current_; above; above = elements_[*above].upstream) {
+            way.push_back(*above);
             if (*above == target)
-                fail(place, "this link would close a cycle: " + name + " ! " + way);
-            const ElementText &element = elements_[*above];
-            way = (element.named ? element.name : element.plugin) + " ! " + way;
+                fail(place, "this link would close a cycle: " + show_way(way) + name);
         }
         fail(place, "nothing can be linked to " + name + ": an element has one input");
+    }
+
+    // From the last of these elements to the first.
+    std::string show_way(const std::vector<size_t> &upward) const
+    {
+        std::string way;
+        for (auto index = upward.rbegin(); index != upward.rend(); ++index) {
+            const ElementText &element = elements_[*index];
+            way += (element.named ? element.name : element.plugin) + " ! ";
+        }
+        return way;
     }
 
     void require_link_after_reference() const
@@ -244,13 +252,15 @@ private:
 
     void name_the_unnamed()
     {
-        for (ElementText &element : elements_) {
+        std::unordered_map<std::string, size_t> numbers; // the last that each plugin has had
+        for (size_t index = 0; index < elements_.size(); ++index) {
+            ElementText &element = elements_[index];
             if (element.named)
                 continue;
-            std::string name = element.plugin;
-            for (size_t number = 2; find(name) != elements_.size(); ++number)
-                name = element.plugin + std::to_string(number);
-            element.name = name;
+            size_t &number = numbers[element.plugin];
+            do
+                element.name = element.plugin + (++number == 1 ? "" : std::to_string(number));
+            while (!names_.emplace(element.name, index).second);
         }
     }
 
@@ -260,15 +270,30 @@ private:
     Place last_;         // of the last link or reference
     size_t current_ = 0; // the element that options and links follow
     std::vector<ElementText> elements_;
+    std::unordered_map<std::string, size_t> names_; // with the index of their element
+    std::unordered_set<std::string> keys_;          // of the options of the last element
 };
 
-// Columns on a terminal, where every character of UTF-8 but its continuation bytes
-// takes one.
+// Whether this byte continues a character of UTF-8.
+bool is_continuation(char byte)
+{
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+// Columns on a terminal, where every character takes one.
 size_t columns(std::string_view text)
 {
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char character) {
-        return (static_cast<unsigned char>(character) & 0xC0) != 0x80;
-    }));
+    return text.size() -
+           static_cast<size_t>(std::count_if(text.begin(), text.end(), is_continuation));
+}
+
+// The position, or up to three bytes before it, so that no character is cut there.
+size_t character_start(std::string_view text, size_t position)
+{
+    const size_t earliest = position - std::min<size_t>(position, 3);
+    while (position > earliest && position < text.size() && is_continuation(text[position]))
+        --position;
+    return position;
 }
 
 } // namespace
@@ -282,8 +307,8 @@ std::string show_place(std::string_view text, Place place)
 {
     constexpr size_t kBefore = 48;
     constexpr size_t kWidth = 76;
-    const size_t begin = place.begin > kBefore ? place.begin - kBefore : 0;
-    std::string line(text.substr(begin, kWidth));
+    const size_t begin = character_start(text, place.begin > kBefore ? place.begin - kBefore : 0);
+    std::string line(text.substr(begin, character_start(text, begin + kWidth) - begin));
     std::replace_if(line.begin(), line.end(), is_control, ' ');
     const size_t marked = std::min(place.length, line.size() - (place.begin - begin));
     const size_t offset = columns(line.substr(0, place.begin - begin));
