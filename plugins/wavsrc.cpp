@@ -31,6 +31,8 @@ namespace
 {
 
 constexpr uint64_t kBuffersPerSecond = 50;
+constexpr uint64_t kMostBufferBytes = 16 * 1024 * 1024; // 1024 channels at 400 kHz
+constexpr uint64_t kMostFrames = UINT64_MAX / 1000000;  // in all: their microseconds fit
 
 // An opened recording. The descriptor outlives the handle that reads through it.
 struct Recording {
@@ -107,11 +109,12 @@ bool holds_what_it_says(void *plugin, const char *location, int descriptor, cons
     return bytes.missing == 0 && !unfinished;
 }
 
-// Rate and channels are the file's word, and sizes of memory have 32 bits.
+// What the header says of rate and channels decides how large a buffer is, and a file that
+// is mostly a hole is long enough for anything that it says.
 bool buffers_fit(const StreamFormat &stream)
 {
     const uint64_t most_frames = stream.rate / kBuffersPerSecond + 1;
-    return most_frames * stream.frame_size() <= UINT32_MAX;
+    return most_frames * stream.frame_size() <= kMostBufferBytes;
 }
 
 int32_t open_recording(void *plugin, const char *location, Recording &recording)
@@ -143,6 +146,8 @@ int32_t open_recording(void *plugin, const char *location, Recording &recording)
                       "%s has %u channels at %u Hz: too much for a buffer", location,
                       recording.stream.channels, recording.stream.rate);
     recording.frames = static_cast<uint64_t>(info.frames);
+    if (recording.frames > kMostFrames)
+        return report(plugin, PLUGIN_MSG_FORMAT, "%s is too long", location);
     return 0;
 }
 
@@ -167,7 +172,7 @@ int32_t set_loop(WavSource *self, NOXStructure *format)
         return -1;
     const uint64_t frames = self->state.recording.frames;
     const uint64_t most =
-        std::min<uint64_t>(UINT32_MAX, UINT64_MAX / std::max<uint64_t>(frames, 1));
+        std::min<uint64_t>(UINT32_MAX, kMostFrames / std::max<uint64_t>(frames, 1));
     if (loop == 0 || loop > most)
         return report(self, PLUGIN_MSG_OPTION, "option loop must be from 1 to %llu, and not %u",
                       static_cast<unsigned long long>(most), loop);

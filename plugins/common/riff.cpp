@@ -1,12 +1,16 @@
 // Compares the size of a WAV file with the size that its header promises.
 //
 // RIFF files give sizes of 32 bits. In an RF64 file these are all ones, and the chunk
-// "ds64" before the others has the true ones.
+// "ds64" before the others has the true ones. In a RIFX file they are big-endian.
+//
+// Nothing that the file says is trusted: a size moves the position on and no more, and
+// the number of chunks is limited, since a hole in a file is chunks without end.
 
 #include "common/riff.h"
 
 #include <cstring>
 
+#include <endian.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +37,7 @@ struct LongSizes {
 
 constexpr uint64_t kRiffHeaderSize = sizeof(ChunkHeader) + 4; // with "WAVE"
 constexpr uint32_t kAllOnes = 0xFFFFFFFF;
+constexpr uint32_t kMostChunks = 1000; // before the samples; recorders write a few
 
 // A recorder that cannot seek writes the largest size it dares: the end of the signed
 // or of the unsigned range, or that less some room for headers.
@@ -48,12 +53,21 @@ bool read_at(int descriptor, uint64_t position, Record &record)
     return pread(descriptor, &record, sizeof record, static_cast<off_t>(position)) == sizeof record;
 }
 
+bool read_header(int descriptor, uint64_t position, bool is_big_endian, ChunkHeader &chunk)
+{
+    if (!read_at(descriptor, position, chunk))
+        return false;
+    if (is_big_endian)
+        chunk.size = be32toh(chunk.size);
+    return true;
+}
+
 // `riff_end` is where the file ends by its own account. Where that is the true end,
 // what follows an empty data chunk is other chunks, else samples that came after the
 // header was written. A last pad byte is often left away.
 SampleBytes compare(uint64_t promised, uint64_t begin, uint64_t riff_end, uint64_t file_size)
 {
-    const uint64_t there = file_size - begin;
+    const uint64_t there = file_size > begin ? file_size - begin : 0;
     const bool chunks_follow = riff_end > begin && riff_end <= file_size + 1;
     if (promised == 0)
         return {0, chunks_follow ? 0 : there};
@@ -68,11 +82,14 @@ SampleBytes compare_with_header(int descriptor)
     ChunkHeader chunk;
     if (fstat(descriptor, &status) != 0 || !read_at(descriptor, 0, chunk))
         return {};
+    const bool is_big_endian = chunk.is("RIFX");
     const bool is_long = chunk.is("RF64");
     LongSizes sizes{kAllOnes, kAllOnes};
-    uint64_t riff_size = chunk.size;
+    uint64_t riff_size = is_big_endian ? be32toh(chunk.size) : chunk.size;
     uint64_t position = kRiffHeaderSize;
-    while (read_at(descriptor, position, chunk)) {
+    for (uint32_t count = 0; count < kMostChunks; ++count) {
+        if (!read_header(descriptor, position, is_big_endian, chunk))
+            break;
         position += sizeof chunk;
         if (is_long && chunk.is("ds64") && read_at(descriptor, position, sizes))
             riff_size = sizes.riff;

@@ -69,6 +69,9 @@ TEST_F(WavSource, AFileThatIsShorterThanItsHeaderSaysIsPlayedOnlyIfThatLeavesThe
         {"no samples, but chunks behind", SF_FORMAT_WAV, {{4, 8036}, {40, 0}}, 0},
         {"the size of all samples in ds64", SF_FORMAT_RF64, {}, kRefused},
         {"half of the samples in ds64", SF_FORMAT_RF64, {{28, 8000}}, 500},
+        {"all samples, big-endian", SF_FORMAT_WAV | SF_ENDIAN_BIG, {}, kRefused},
+        {"half of them", SF_FORMAT_WAV | SF_ENDIAN_BIG, {{40, __builtin_bswap32(8000)}}, 500},
+        {"20 ms of 80 MiB", SF_FORMAT_WAV, {{24, 0x7FFFFFFF}, {40, 8000}}, kRefused},
     };
     for (const Header &header : headers)
         EXPECT_EQ(duration_of_cut_file(header, folder / "cut.wav"), header.duration) << header.says;
@@ -80,6 +83,25 @@ TEST_F(WavSource, AStreamOf64ChannelsWhose20MillisecondsNeedMoreThan32BitsIsRefu
     EXPECT_NE(duration_of_cut_file(header, folder / "many.wav"), kRefused) << "as it is";
     header.fields.push_back({24, 0x7FFFFFFF});
     EXPECT_EQ(duration_of_cut_file(header, folder / "many.wav"), kRefused) << "at 2 GHz";
+}
+
+// A hole holds chunks without end: empty ones without a name.
+TEST_F(WavSource, AHoleBehindTheSamplesTakesNoTime)
+{
+    const std::string path = folder / "hole.wav";
+    const auto number = [](uint64_t value, size_t bytes) {
+        return std::string(reinterpret_cast<const char *>(&value), bytes);
+    };
+
+    // libsndfile skips the six bytes before "data", where a name should begin.
+    const std::string narrow = "fmt " + number(18, 4) + number(1, 2) + number(1, 2) +
+                               number(8000, 4) + number(16000, 4) + number(2, 2) + number(16, 4);
+    write_file(path, "RIFF\xFF\xFF\xFF\xFFWAVE" + narrow + std::string(6, '\1') + "data" +
+                         number(16000, 4));
+    std::filesystem::resize_file(path, 1ULL << 40);
+    NOXPlugin *source = nox_plugin_new("wavsrc", "source");
+    EXPECT_EQ(set_location(source, path), 0);
+    nox_object_delete(source);
 }
 
 TEST_F(WavSource, TimesAreExactAtEveryRateAndTheSourcePlaysAgainAfterAStop)
