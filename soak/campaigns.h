@@ -18,6 +18,7 @@ Campaigns sources_campaigns();
 Campaigns states_campaigns();
 
 // On the real OS layer: soak_real.
+Campaigns storm_campaigns();
 
 } // namespace soak
 
