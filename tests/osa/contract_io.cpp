@@ -104,15 +104,17 @@ TEST_F(Contract, ALibraryGivesItsFunctionsAndADamagedOneIsRefusedInPlainWords)
     EXPECT_EQ(OSA_LibraryGetFunc(library, "question"), nullptr);
     EXPECT_EQ(OSA_LibraryUnLoad(library), 0);
 
-    // A bare name is one of the working folder.
-    const std::filesystem::path copy = path_of("copy.so");
-    const std::filesystem::path folder = std::filesystem::current_path();
-    std::filesystem::copy_file(LOADABLE_PATH, copy);
-    std::filesystem::current_path(copy.parent_path());
-    library = OSA_LibraryLoad(copy.filename().c_str());
-    EXPECT_NE(library, nullptr);
-    OSA_LibraryUnLoad(library);
+    // A bare name is one of the working folder, whatever the system has of that name.
+    const std::filesystem::path former = std::filesystem::current_path();
+    const std::filesystem::path folder = path_of("folder");
+    std::filesystem::create_directory(folder);
+    std::filesystem::copy_file(LOADABLE_PATH, folder / "libm.so.6");
     std::filesystem::current_path(folder);
+    library = OSA_LibraryLoad("libm.so.6");
+    std::filesystem::current_path(former);
+    std::filesystem::remove_all(folder);
+    EXPECT_NE(OSA_LibraryGetFunc(library, "answer"), nullptr);
+    OSA_LibraryUnLoad(library);
 
     std::ostringstream content;
     content << std::ifstream(LOADABLE_PATH, std::ios::binary).rdbuf();
