@@ -46,9 +46,14 @@ TEST_F(Memory, OwnedBytesGoWithTheBlockAndBorrowedOnesStay)
     EXPECT_TRUE(borrower->data == nullptr && borrower->datasize + borrower->allocsize == 0);
     nox_memory_set_data(borrower, frame);
     nox_memory_set_datasize(borrower, sizeof(frame));
-    nox_memory_set_finalize_func(borrower, note_memory);
+    nox_memory_set_private(borrower, &frame[1]); // what the hook needs of its owner's
+    nox_memory_set_finalize_func(borrower, [](NOXMemory *memory) -> int32_t {
+        *static_cast<uint8_t *>(nox_memory_get_private(memory)) = 7;
+        return note_memory(memory);
+    });
     nox_object_delete(borrower);
     EXPECT_EQ((Log{"memory 99", "memory 2"}), take_log());
+    EXPECT_EQ(7, frame[1]);
 
     NOXMemory *robbed = nox_memory_new(10);
     OSA_Free(robbed->data, 0);

@@ -311,6 +311,29 @@ TEST(Delete, EndsTheWaitOfASinkForAClockThatNeverStarted)
     EXPECT_EQ(nullptr, worker);
 }
 
+TEST(Delete, WithoutMemoryOneDepartingThreadIsRememberedAndTheNextIsNamed)
+{
+    Stage stage;
+    for (int i = 0; i < 2; ++i) {
+        NOXBus *bus = nox_bus_new("bus");
+        nox_bus_set_handler(
+            bus,
+            [](NOXBus *self, void *, const char *, int32_t, const char *) -> int32_t {
+                SIM_FailFrom(SIM_FallibleCount() + 1);
+                nox_object_delete(self);
+                SIM_FailNone();
+                return 0;
+            },
+            nullptr);
+        nox_bus_post_error(bus, "test", 1, nullptr);
+        OSA_ThreadSleep(10);
+    }
+    EXPECT_EQ(1u, SIM_TraceCount("is never joined\n", 1));
+    const std::string left = stage.end();
+    EXPECT_EQ(0u, left.find("alive: thread")) << left;
+    EXPECT_EQ(left.size() - 1, left.find('\n')) << "one line\n" << left;
+}
+
 TEST(Delete, OfAPipeLeavesNoPointerToItInWhatOthersHold)
 {
     Stage stage;

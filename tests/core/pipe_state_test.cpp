@@ -151,6 +151,9 @@ TEST_F(Graph, AChainChangesAloneFromItsSourceDown)
     EXPECT_EQ(0, nox_pipe_linked_plugins_set_state(pipe, nullptr, NOX_STATE_NULL));
     EXPECT_EQ(2u, SIM_TraceCount("warning state is same as current.state(0)\n", 1));
     EXPECT_EQ(-1, nox_pipe_linked_plugins_set_state(pipe, nullptr, NOX_STATE_READY));
+    NOXPlugin *headless = keep(new_sink("headless"));
+    EXPECT_EQ(-1, nox_pipe_linked_plugins_set_state(pipe, headless, NOX_STATE_READY));
+    EXPECT_EQ(1u, SIM_TraceCount("can not find source plugin(", 1));
 }
 
 TEST_F(Graph, StartAndStopLeaveTheStatesAlone)

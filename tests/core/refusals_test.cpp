@@ -116,6 +116,7 @@ TEST_F(Refusals, APluginThatIsNotReadyForIt)
         {"invalid next list. use plugin_link",
          [&] { return nox_plugin_linkexch(source, filter, sink) == -1; }},
         {nullptr, [&] { return nox_plugin_group_get(source) == nullptr; }},
+        {nullptr, [&] { return nox_plugin_set_allocatorfunc(loose, nullptr) == 0; }},
     });
 }
 
