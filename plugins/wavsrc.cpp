@@ -49,9 +49,10 @@ struct State {
     std::atomic<uint64_t> position{0}; // frames handed on, over all loops
     std::atomic<bool> ending{false};   // end of stream was asked for, or reading failed
 
+    // A loop that is too much for a new recording is refused, but the recording stays.
     uint64_t total_frames() const
     {
-        return recording.frames * loop;
+        return recording.frames > kMostFrames / loop ? kMostFrames : recording.frames * loop;
     }
 };
 

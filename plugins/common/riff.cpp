@@ -62,13 +62,16 @@ bool read_header(int descriptor, uint64_t position, bool is_big_endian, ChunkHea
     return true;
 }
 
-// `riff_end` is where the file ends by its own account. Where that is the true end,
-// what follows an empty data chunk is other chunks, else samples that came after the
-// header was written. A last pad byte is often left away.
-SampleBytes compare(uint64_t promised, uint64_t begin, uint64_t riff_end, uint64_t file_size)
+// By its own account the file ends `riff_size` behind its first header. Where that is the
+// true end, what follows an empty data chunk is other chunks, else samples that came after
+// the header was written. A last pad byte is often left away.
+SampleBytes compare(uint64_t promised, uint64_t begin, uint64_t riff_size, uint64_t file_size)
 {
-    const uint64_t there = file_size > begin ? file_size - begin : 0;
-    const bool chunks_follow = riff_end > begin && riff_end <= file_size + 1;
+    if (begin > file_size) // it grew meanwhile
+        return {};
+    const uint64_t there = file_size - begin;
+    const bool chunks_follow =
+        riff_size > begin - sizeof(ChunkHeader) && riff_size <= file_size + 1 - sizeof(ChunkHeader);
     if (promised == 0)
         return {0, chunks_follow ? 0 : there};
     return {promised <= there || is_left_open(promised) ? 0 : promised - there, 0};
@@ -95,8 +98,7 @@ SampleBytes compare_with_header(int descriptor)
             riff_size = sizes.riff;
         if (chunk.is("data")) {
             const uint64_t promised = is_long && chunk.size == kAllOnes ? sizes.data : chunk.size;
-            return compare(promised, position, riff_size + sizeof chunk,
-                           static_cast<uint64_t>(status.st_size));
+            return compare(promised, position, riff_size, static_cast<uint64_t>(status.st_size));
         }
         position += chunk.size + uint64_t{chunk.size & 1};
     }
