@@ -218,7 +218,13 @@ TEST_F(NoxRun, FailuresAreNamedAndLeaveNothingAlive)
                  {"wavsrc ! unknown ! levelsink", 3,
                   "no plugin unknown\n  wavsrc ! unknown ! "
                   "levelsink\n           ^^^^^^^\n"},
+                 {"wavsrc ! tee name=t ! volume gain=2 ! t.", 2,
+                  "this link would close a cycle: t ! volume ! t\n"},
+                 {"wavsrc ! tee name=t ! levelsink t. ! t.", 2, "close a cycle: t ! t\n"},
                  {"wavsrc", 2, "nothing follows wavsrc"},
+                 {"wavsrc location=@in.wav ! levelsink wavsrc name=left", 2,
+                  "nothing follows wavsrc; a sink must end it\n"},
+                 {"wavsrc location=@in.wav ! levelsink levelsink", 2, "nothing feeds levelsink"},
                  {"volume ! levelsink", 2, "nothing feeds volume"},
                  {"wavsrc ! wavsrc ! levelsink", 2, "wavsrc is a source"},
                  {"wavsrc ! levelsink ! tee", 2, "levelsink is a sink"},
