@@ -111,7 +111,7 @@ struct NOXBaseSrc {
     NOXBaseSrcEventFunc event_func;       /**< optional */
     uint8_t privatets;                    /**< live: create_func stamps its buffers itself */
     uint8_t threadended_; /**< internal: the thread will acknowledge no more pauses */
-    uint8_t parked_;      /**< internal: the thread waits for state_event */
+    uint8_t parked_;      /**< internal: 2: the thread waits for state_event; 1: is about to */
     uint8_t held_;        /**< internal: paused, and not let go since */
 };
 

@@ -7,6 +7,10 @@
 namespace nox
 {
 
+// The values of `parked_` beside 0.
+constexpr uint8_t kParking = 1; // announced: the thread looks at the state once more
+constexpr uint8_t kParked = 2;  // it has, and waits until it is woken
+
 // The record behind a plugin that is known to be a source.
 inline NOXBaseSrc *source_of(NOXPlugin *plugin)
 {

@@ -17,7 +17,9 @@
 //      not see it, or whose wake-up it took away;
 //   5. a thread that is parked already, because the plugin went from PAUSE to READY
 //      and back, is not asked to park: it would not answer. `held_`, the control
-//      side's own note, tells it from one that is parked but has been woken.
+//      side's own note, tells it from one that is parked but has been woken. One
+//      started in PAUSE parks by itself, and may have announced that (kParking) and
+//      find READY at its second look: it counts once it waits (kParked).
 
 #include "noxbasesrc.h"
 
@@ -31,15 +33,22 @@ namespace
 
 constexpr char kSource[] = "noxbasesrc";
 constexpr uint32_t kDefaultStackSize = 0x20000;
+constexpr uint32_t kSecondLookPollMs = 1;
 
+// A thread between its announcement and its second look waits or goes on in a moment. In
+// READY it does not announce itself again.
 bool is_parked(const NOXBaseSrc *source)
 {
-    return nox::load_ordered(source->parked_);
+    uint8_t parked = nox::load_ordered(source->parked_);
+    for (; parked == nox::kParking; parked = nox::load_ordered(source->parked_))
+        OSA_ThreadSleep(kSecondLookPollMs);
+    return parked == nox::kParked;
 }
 
+// Also one that may be about to park, see invariant 4.
 void wake_when_parked(NOXBaseSrc *source)
 {
-    if (is_parked(source) && source->plugin.state_event != nullptr)
+    if (nox::load_ordered(source->parked_) && source->plugin.state_event != nullptr)
         OSA_EventSend(source->plugin.state_event);
 }
 

@@ -59,13 +59,14 @@ Step SourceThread::park_while_paused()
     if (!pause_is_asked_for())
         return Step::kProduce;
     Step step = Step::kNextPass;
-    store_ordered(m_source->parked_, uint8_t{1});
+    store_ordered(m_source->parked_, kParking);
     // Before what is latched goes: who waits for the answer sends nothing more.
     const bool awaited = pause_is_awaited();
     // What an earlier pause left latched must not end this one. It may belong to a
     // change that has just been made, too: that shows in the second look.
     OSA_EventWait(m_plugin->state_event, 0);
     if (must_park() && pause_is_awaited() == awaited) {
+        store_ordered(m_source->parked_, kParked); // before who waits for it goes on
         if (awaited)
             OSA_EventSend(m_source->pauseevent);
         step = wait_parked();
