@@ -66,6 +66,7 @@ NOXBuffer *capture(NOXBaseSrc *source)
         chain.shape.fate == Fate::kNothingCaptured && chain.created >= chain.shape.lifetime;
     if (++chain.created % kBuffersAtOnce == 0)
         std::this_thread::yield(); // or those who change its state would rarely get a turn
+    work(chain.shape.turns);
     return is_over ? nullptr : nox_buffer_new(64);
 }
 

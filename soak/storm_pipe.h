@@ -21,6 +21,7 @@ struct Shape {
     bool live = true;
     Fate fate = Fate::kNone;
     uint32_t lifetime = 0;
+    uint32_t turns = 0; // of a loop, that a capture takes
 };
 
 // One source with its sink: what they are, and what happened to them.
@@ -34,6 +35,13 @@ struct Chain {
     std::atomic<NOXBuffer *> kept{nullptr}; // by the sink; released on other threads, too
     NOXBaseSrc *source = nullptr;
 };
+
+// Keeps a processor busy for so many turns of a loop.
+inline void work(uint32_t turns)
+{
+    for (volatile uint32_t left = turns; left > 0;)
+        left = left - 1;
+}
 
 class StormPipe
 {

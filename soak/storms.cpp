@@ -37,8 +37,7 @@ void linger(Dice &dice)
     case 3:
         break;
     default:
-        for (volatile uint32_t turn = dice.below(3000); turn > 0;)
-            turn = turn - 1;
+        work(dice.below(3000));
     }
 }
 
@@ -305,21 +304,25 @@ void end_beside_changes(uint64_t run)
     }
 }
 
-// A source that is started in PAUSE parks by itself. It is asked to pause, by way of READY,
-// at every moment of doing so.
+// A source that is started in PAUSE parks by itself. It goes to READY and is paused again at
+// the moment when it is about to. Its captures take longer than the changes, so that one that
+// goes on shows.
 void park_by_itself(uint64_t run)
 {
     Dice dice(run);
     const RealLibrary library;
-    StormPipe storm({Shape{}});
+    StormPipe storm({Shape{.turns = 4000}});
     NOXPlugin *source = &storm.chain(0).source->plugin;
     storm.to(NOX_STATE_PLAY);
     storm.to(NOX_STATE_PAUSE);
     for (uint32_t life = 0; life < kLives; ++life) {
         EXPECT_EQ(0, nox_pipe_stop(storm.pipe()));
         EXPECT_EQ(0, nox_pipe_start(storm.pipe()));
-        for (volatile uint32_t turn = dice.below(60'000); turn > 0;)
-            turn = turn - 1;
+        const std::atomic_ref<uint8_t> parked(storm.chain(0).source->parked_);
+        for (uint32_t looks = 1; !parked; ++looks)
+            if (looks % 1000 == 0)
+                std::this_thread::yield();
+        work(dice.below(100));
         nox_plugin_setstate(source, NOX_STATE_READY);
         nox_plugin_setstate(source, NOX_STATE_PAUSE);
         const uint64_t before = storm.rendered();
