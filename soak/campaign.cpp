@@ -71,21 +71,27 @@ void tell(const Campaign &campaign, uint64_t run, const std::string &what)
         campaign.name.c_str(), number, what.c_str(), replay_options, campaign.name.c_str(), number);
 }
 
-// What the expectations of one run say; empty when all hold.
-std::string failures_of(const Campaign &campaign, uint64_t run)
+// What expectations in the body say; empty when all hold.
+template <typename Body>
+std::string failures_of(Body body)
 {
     using testing::ScopedFakeTestPartResultReporter;
     testing::TestPartResultArray results;
     {
         ScopedFakeTestPartResultReporter reporter(
             ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &results);
-        campaign.run(run);
+        body();
     }
     std::string text;
     for (int i = 0; i < results.size(); ++i)
         if (results.GetTestPartResult(i).failed())
             text += std::string("\n") + results.GetTestPartResult(i).message();
     return text;
+}
+
+std::string failures_of(const Campaign &campaign, uint64_t run)
+{
+    return failures_of([&] { campaign.run(run); });
 }
 
 // The order of runs takes --quick through the whole range in even steps.
@@ -135,7 +141,11 @@ uint64_t count_in_child(const Campaign &campaign, Board &board)
 {
     const pid_t child = in_child([&] {
         alarm(campaign.limit_seconds);
-        board.answer = campaign.count();
+        const std::string failures = failures_of([&] { board.answer = campaign.count(); });
+        if (failures.empty())
+            return;
+        std::fprintf(stderr, "%s\n", failures.c_str());
+        std::exit(1);
     });
     int status = 0;
     waitpid(child, &status, 0);

@@ -112,6 +112,9 @@ uint64_t count_faults(const Scenario &scenario)
 {
     const Outcome &clean = clean_run_of(scenario);
     judge_clean(scenario, clean, "without faults");
+    if (!scenario.tells_errors) {
+        EXPECT_EQ(Errors(), clean.errors) << "without faults";
+    }
     return 2 * clean.calls;
 }
 

@@ -83,6 +83,7 @@ struct Scenario {
 
     // Part of the text of a call whose failure is silent by contract; null: there is none.
     const char *silent_call = nullptr;
+    bool tells_errors = false; // also without faults, always the same
 };
 
 std::vector<Scenario> core_scenarios();

@@ -366,12 +366,13 @@ std::vector<Scenario> core_scenarios()
 {
     return {{"startup", use_the_registry},
             {"pipe", play_to_the_end},
-            {"recovery", play_again_after_faults},
+            // The clock traces its second start at level 1.
+            {"recovery", play_again_after_faults, nullptr, true},
             {"rebuild", rebuild},
             {"async", change_states_asynchronously},
             // A thread that departs has a block in reserve.
-            {"deletion", delete_everywhere, "new_block"},
-            {"restart", restart_together},
+            {"deletion", delete_everywhere, "new_block", true},
+            {"restart", restart_together, nullptr, true},
             // A dump passes over a file that cannot be opened.
             {"graph", print_the_graph, "OSA_FileOpen"},
             {"adapter", adapt_buffers},
