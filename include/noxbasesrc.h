@@ -66,7 +66,9 @@ typedef int32_t (*NOXBaseSrcEventFunc)(NOXBaseSrc *source, NOXEvent *event);
  * stream: that is pushed the first time, and the function is called again every 100 ms
  * (with policy RETRY at once) until the source is stopped. It may wait for data, but a
  * stop and a pause wait for it in turn: return, with null, soon after the field `started`
- * of the plugin is cleared. On the source thread. */
+ * of the plugin is cleared. A buffer that has been released, which one returned twice
+ * without a further reference is sooner or later, counts as none where it can be told,
+ * with a level-1 trace. On the source thread. */
 typedef NOXBuffer *(*NOXBaseSrcCreateFunc)(NOXBaseSrc *source);
 
 /** Told after each buffer that was pushed with success, but for the one that reaches

@@ -106,10 +106,22 @@ Step SourceThread::leave_pause(int32_t state)
     return Step::kProduce;
 }
 
+// The create function gives a reference with each buffer. One that it gives twice may
+// be gone when it comes again: its record, back in the pool, still says so until it is
+// taken for another buffer.
+bool SourceThread::is_released(const NOXBuffer *buffer)
+{
+    if (load_relaxed(buffer->object.refcount) != 0)
+        return false;
+    NOX_TRACE_OBJECT_FOR(kLoop, m_source, OSA_TRACE_ERROR,
+                         "create function returned a released buffer(%p)\n", address(buffer));
+    return true;
+}
+
 Step SourceThread::produce()
 {
     NOXBuffer *buffer = nox_basesrc_buf_create(m_source);
-    if (buffer == nullptr)
+    if (buffer == nullptr || is_released(buffer))
         return handle_failure();
     if (is_live() && !let_through(buffer)) {
         nox_object_delete(buffer);

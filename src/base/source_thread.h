@@ -69,6 +69,7 @@ private:
     Step leave_pause(int32_t state);
 
     Step produce();
+    bool is_released(const NOXBuffer *buffer);
     Step push(NOXBuffer *buffer);
     Step refuse_push(int32_t result);
     Step count_frame();
