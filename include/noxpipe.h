@@ -175,7 +175,9 @@ NOX_API int32_t nox_pipe_debug_unused_plugin(NOXPipe *pipe);
  * -1 when a plugin refused or there is no source: no rollback, plugins already changed
  * keep the new state, and so does the pipe (asking again answers 0); the clock is left
  * alone. Upward the sources stay unchanged when a plugin downstream refused; a source
- * that refuses leaves those after it unchanged and, downward, all that lies downstream. */
+ * that refuses leaves those after it unchanged and, downward, all that lies downstream.
+ * Links that run in a circle count as a refusal downstream, where nothing is changed
+ * then; to NULL all members go all the same. */
 NOX_API int32_t nox_pipe_set_state(NOXPipe *pipe, int32_t state);
 
 /** The pipe's state, which is the target from the start of a change; NOX_STATE_NULL
@@ -194,7 +196,7 @@ NOX_API int32_t nox_pipe_set_state_async(NOXPipe *pipe, int32_t state,
  * without touching the pipe's own state or clock. 0, also when a plugin refused, which is
  * told at level 1. With the state that the pipe has already nothing is changed, after a
  * level-1 trace: 0, even for a null plugin. -1, after a level-1 trace, for a null plugin
- * else and when the chain has no source. Waits as nox_pipe_set_state does. */
+ * else, when the chain has no source and when it runs in a circle. Waits as nox_pipe_set_state does. */
 NOX_API int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int32_t state);
 
 /** Starts the clock, moves its reading on by the system tick, and starts every member in

@@ -138,6 +138,7 @@ struct NOXPlugin {
     uint8_t issink;             /**< 1: the end of a chain; stands on NOXBaseSink */
     uint8_t busy;               /**< 1 while a buffer is in chain_func */
     uint8_t hasthread_;         /**< internal: a source's thread has not been joined */
+    uint8_t onroad_;            /**< internal: on the road of a search for circles */
     void *reserved;             /**< the plugin's own; the library does not touch it */
     NOXPluginSetStateFunc setstate_func;         /**< told before a new state is stored */
     NOXPluginLinkFunc link_func;                 /**< told of each new link downstream */
@@ -251,7 +252,8 @@ NOX_API int32_t nox_plugin_error_post(NOXPlugin *plugin, int32_t code, const cha
  * replacing what that was. No references are taken. The link is made whatever link_func
  * answers; its answer is the result, 0 without one. -1, after a level-1 trace and with
  * nothing linked, when either is null and when memory runs out. No branch can be unlinked
- * by itself: see nox_pipe_del_plugin. */
+ * by itself: see nox_pipe_del_plugin. Circles are not looked for here: a pipe does not
+ * start what runs in one, since a push there would never return. */
 NOX_API int32_t nox_plugin_link(NOXPlugin *plugin, NOXPlugin *next);
 
 /** Replaces the branch that leads to `old_next` by one to `new_next`, in place, after
@@ -281,7 +283,7 @@ NOX_API uint8_t nox_plugin_issink(NOXPlugin *plugin);
 NOX_API NOXPlugin *nox_plugin_get_next(NOXPlugin *plugin, int32_t idx, uint32_t *count);
 
 /** The source at the head of the chain, lent, or null, after a level-1 trace, when the
- * head is none. The all-ones pointer, after a level-1 trace, for a null plugin. */
+ * head is none, or there is none because the links run in a circle. The all-ones pointer, after a level-1 trace, for a null plugin. */
 NOX_API NOXPlugin *nox_plugin_get_source(NOXPlugin *plugin);
 
 /* ---- pushing, on the thread that produces -------------------------------- */

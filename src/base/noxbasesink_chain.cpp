@@ -8,6 +8,7 @@
 #include "internal/saturate.h"
 #include "internal/trace.h"
 #include "noxbasesink.h"
+#include "plugin/circle.h"
 
 namespace
 {
@@ -96,7 +97,8 @@ class CallBack
 public:
     explicit CallBack(const NOXPlugin *sink) : m_source(sink)
     {
-        while (m_source->prev != nullptr)
+        nox::CircleWatch circle;
+        while (m_source->prev != nullptr && !circle.is_closed_by(m_source))
             m_source = m_source->prev;
         m_was_started = nox::load_acquire(m_source->started);
     }

@@ -2,6 +2,7 @@
 // last.
 
 #include "pipe/noxpipe_internal.h"
+#include "plugin/circle.h"
 
 namespace
 {
@@ -20,8 +21,13 @@ bool deliver_upward(NOXPlugin *sink, NOXEvent *event)
 {
     if (!deliver(sink, event))
         return false;
+    nox::CircleWatch circle;
     for (NOXPlugin *plugin = sink->prev; plugin != nullptr && !plugin->issrc;
          plugin = plugin->prev) {
+        if (circle.is_closed_by(plugin)) {
+            nox::trace_circle(plugin, "nox_pipe_set_event");
+            return false;
+        }
         if (!deliver(plugin, event))
             return false;
     }

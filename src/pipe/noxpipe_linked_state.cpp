@@ -4,6 +4,7 @@
 #include "internal/atomic_field.h"
 #include "internal/guard.h"
 #include "pipe/noxpipe_internal.h"
+#include "plugin/circle.h"
 
 namespace
 {
@@ -65,6 +66,8 @@ int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int3
                   nox::name_of(plugin));
         return -1;
     }
+    if (nox::runs_in_circle(source))
+        return -1;
     pipe_iterate_linked_plugin_set_state(source, state);
     return 0;
 }

@@ -4,6 +4,7 @@
 
 #include "internal/guard.h"
 #include "pipe/noxpipe_internal.h"
+#include "plugin/circle.h"
 
 namespace
 {
@@ -45,6 +46,19 @@ NOXPlugin *chain_source(NOXPlugin *plugin)
     NOX_TRACE_FOR("nox_pipe_del_linked_plugin", OSA_TRACE_ERROR, "Issrc(%s) in pipeline\n",
                   nox::name_of(source));
     return source;
+}
+
+// Only along the chain itself: what it branches to may be gone.
+bool check_has_end(const NOXPlugin *source)
+{
+    nox::CircleWatch circle;
+    for (const NOXPlugin *plugin = source; plugin != nullptr; plugin = plugin->next) {
+        if (!circle.is_closed_by(plugin))
+            continue;
+        nox::trace_circle(plugin, "nox_pipe_del_linked_plugin");
+        return false;
+    }
+    return true;
 }
 
 // What lies downstream must not point at a plugin that is released. Of its branches
@@ -104,6 +118,8 @@ int32_t nox_pipe_del_linked_plugin(NOXPipe *pipe, NOXPlugin *plugin)
                   nox::name_of(plugin));
         return -1;
     }
+    if (!check_has_end(current))
+        return -1;
     for (;;) {
         if (OSA_ListNode *node = nox::find_node(pipe->plugins, current)) {
             NOX_TRACE(OSA_TRACE_NOTICE, "find plugin(%s) in pipeline\n", nox::name_of(current));

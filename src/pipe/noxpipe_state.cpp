@@ -11,6 +11,7 @@
 #include "internal/guard.h"
 #include "pipe/branch_stack.h"
 #include "pipe/noxpipe_internal.h"
+#include "plugin/circle.h"
 
 namespace
 {
@@ -82,6 +83,14 @@ int32_t walk_from(NOXPlugin *source, int32_t state, BranchStack &stack)
     }
     NOX_TRACE_FOR("pipe_iterate_set_state", OSA_TRACE_INFO, "pnext is null\n");
     return result;
+}
+
+bool has_circle(const NOXPipe *pipe)
+{
+    for (NOXPlugin *member : members(pipe))
+        if (member->issrc && nox::runs_in_circle(member, "pipe_iterate_set_state"))
+            return true;
+    return false;
 }
 
 bool change_sources(NOXPipe *pipe, int32_t state)
@@ -198,6 +207,9 @@ int32_t pipe_iterate_set_state(NOXPipe *pipe, int32_t state)
 {
     if (goes_backwards(pipe, state))
         return set_non_sources_backwards(pipe);
+    // Round in a circle no buffer must go, and no walk. But what runs must be stopped.
+    if (has_circle(pipe))
+        return state == NOX_STATE_NULL ? set_non_sources_backwards(pipe) : -1;
     BranchStack stack;
     int32_t result = 0;
     for (NOXPlugin *member : members(pipe))

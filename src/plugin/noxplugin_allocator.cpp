@@ -2,6 +2,7 @@
 // when no allocator delivers.
 
 #include "internal/guard.h"
+#include "plugin/circle.h"
 #include "plugin/noxplugin_check.h"
 
 namespace
@@ -13,9 +14,10 @@ using BufferReference = nox::ObjectReference<NOXBuffer>;
 // offers; null when nobody does.
 NOXPlugin *first_that_answers(const NOXPlugin *plugin)
 {
+    nox::CircleWatch circle;
     NOXPlugin *next = plugin->next;
     while (next != nullptr && next->getallocator_func == nullptr)
-        next = next->next;
+        next = circle.is_closed_by(next) ? nullptr : next->next;
     return next;
 }
 

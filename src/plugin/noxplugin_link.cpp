@@ -4,6 +4,8 @@
 #include <cstdarg>
 
 #include "internal/guard.h"
+#include "internal/list_walk.h"
+#include "plugin/circle.h"
 #include "plugin/noxplugin_check.h"
 
 namespace
@@ -49,6 +51,40 @@ int32_t add_branch(NOXPlugin *plugin, NOXPlugin *next)
 }
 
 } // namespace
+
+namespace nox
+{
+
+// The mark is taken away on the way back, so that branches that meet again further down
+// are no circle.
+NOXPlugin *find_circle(NOXPlugin *plugin)
+{
+    if (plugin->onroad_)
+        return plugin;
+    plugin->onroad_ = 1;
+    NOXPlugin *found = plugin->next != nullptr ? find_circle(plugin->next) : nullptr;
+    OSA_ListNode *node = head_of(plugin->nextlist);
+    for (; node != nullptr && found == nullptr; node = node->next)
+        if (node->data != nullptr)
+            found = find_circle(static_cast<NOXPlugin *>(node->data));
+    plugin->onroad_ = 0;
+    return found;
+}
+
+void trace_circle(const NOXPlugin *closing, const char *function)
+{
+    NOX_TRACE_FOR(function, OSA_TRACE_ERROR, "links run in a circle at (%s)\n", name_of(closing));
+}
+
+bool runs_in_circle(NOXPlugin *plugin, const char *function)
+{
+    const NOXPlugin *closing = find_circle(plugin);
+    if (closing != nullptr)
+        trace_circle(closing, function);
+    return closing != nullptr;
+}
+
+} // namespace nox
 
 int32_t nox_plugin_link(NOXPlugin *plugin, NOXPlugin *next)
 {
@@ -165,9 +201,10 @@ NOXPlugin *nox_plugin_get_source(NOXPlugin *plugin)
         NOX_TRACE(OSA_TRACE_ERROR, "Invalid plg(%x)\n", 0u);
         return all_ones();
     }
-    while (plugin->prev != nullptr)
+    nox::CircleWatch circle;
+    while (plugin->prev != nullptr && !circle.is_closed_by(plugin))
         plugin = plugin->prev;
-    if (plugin->issrc)
+    if (plugin->issrc && plugin->prev == nullptr)
         return plugin;
     NOX_TRACE(OSA_TRACE_ERROR, "abnormal case. plg(%x):%s issrc(%d) issink(%d)\n",
               nox::low32(plugin), nox::name_of(plugin), 0, plugin->issink);
