@@ -14,6 +14,7 @@ Campaigns fault_campaigns();
 Campaigns deletion_campaigns();
 Campaigns bus_campaigns();
 Campaigns chain_stop_campaigns();
+Campaigns misbehaviour_campaigns();
 Campaigns sources_campaigns();
 Campaigns states_campaigns();
 

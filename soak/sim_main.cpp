@@ -10,6 +10,7 @@ int main(int argc, char **argv)
                              soak::deletion_campaigns(),
                              soak::bus_campaigns(),
                              soak::chain_stop_campaigns(),
+                             soak::misbehaviour_campaigns(),
                              soak::sources_campaigns(),
                              soak::states_campaigns(),
                          });
