@@ -118,12 +118,12 @@ private:
     std::unique_ptr<Worker> m_releaser;
 };
 
-std::atomic<bool> g_answered{false};
+OSA_Event *g_answered = nullptr;
 
 int32_t note_answer(NOXPipe *, int32_t, int32_t result)
 {
     EXPECT_EQ(0, result);
-    g_answered = true;
+    OSA_EventSend(g_answered);
     return 0;
 }
 
@@ -136,10 +136,11 @@ void stop_somehow(Bed &bed)
         EXPECT_EQ(0, nox_pipe_set_state(bed.pipe, NOX_STATE_NULL));
         break;
     case 1:
-        g_answered = false;
+        g_answered = OSA_EventCreate(0);
         EXPECT_EQ(0, nox_pipe_set_state_async(bed.pipe, NOX_STATE_NULL, note_answer));
         EXPECT_EQ(begin, SIM_Tick());
-        EXPECT_TRUE(wait_until([] { return g_answered.load(); }));
+        OSA_EventWait(g_answered, OSA_WAIT_FOREVER);
+        OSA_EventDestroy(g_answered);
         break;
     default:
         break; // the deletion has to
