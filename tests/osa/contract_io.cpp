@@ -154,6 +154,41 @@ TEST_F(Contract, ALibraryGivesItsFunctionsAndADamagedOneIsRefusedInPlainWords)
     expect_refusal(std::string(5000, 'x'), "too long");
 }
 
+TEST_F(Contract, ANullHandleIsRefused)
+{
+    char buffer[8];
+    OSA_ListNode *node = OSA_List_Node_new();
+    OSA_List *list = OSA_ListCreate();
+    for (const int32_t result :
+         {OSA_ListDestroy(nullptr), OSA_ListAddTail(nullptr, node), OSA_ListAddTail(list, nullptr),
+          OSA_ListAddHead(nullptr, node), OSA_ListAddHead(list, nullptr),
+          OSA_ListDel(nullptr, node), OSA_ListDel(list, nullptr), OSA_MutexDestroy(nullptr),
+          OSA_MutexLock(nullptr, 0), OSA_MutexUnLock(nullptr), OSA_EventDestroy(nullptr),
+          OSA_EventSend(nullptr), OSA_EventWait(nullptr, 0), OSA_QueueDestroy(nullptr),
+          OSA_QueuePush(nullptr, buffer, 1), OSA_ThreadDelete(nullptr, nullptr),
+          OSA_FileWrite(nullptr, buffer, 1), OSA_FileClose(nullptr), OSA_LibraryUnLoad(nullptr)})
+        EXPECT_LT(result, 0);
+    for (const void *nothing :
+         {static_cast<void *>(OSA_ListGetHead(nullptr)),
+          static_cast<void *>(OSA_ListGetTail(nullptr)),
+          static_cast<void *>(OSA_ListGetNext(nullptr)),
+          static_cast<void *>(OSA_ListGetPrev(nullptr)),
+          static_cast<void *>(OSA_List_GetNthList(nullptr, 0)), OSA_QueuePop(nullptr, nullptr, 0),
+          static_cast<void *>(OSA_ThreadCreate("none", 0, 0, nullptr, nullptr)),
+          static_cast<void *>(OSA_FileOpen(nullptr, OSA_FILE_READ)),
+          static_cast<void *>(OSA_FileReadLine(nullptr, buffer, 8)),
+          static_cast<void *>(OSA_LibraryLoad(nullptr)), OSA_LibraryGetFunc(nullptr, "symbol")})
+        EXPECT_EQ(nothing, nullptr);
+    EXPECT_EQ(OSA_ListGetNum(nullptr), 0u);
+    OSA_Free(nullptr, 0);
+    OSA_SFree(nullptr, kSize);
+    OSA_List_Node_delete(nullptr);
+    OSA_List_Node_delete(node);
+    OSA_ListDestroy(list);
+    EXPECT_EQ(OSA_snprintf(buffer, sizeof(buffer), "%s %d", "longer than", 8), 13);
+    EXPECT_STREQ(buffer, "longer ");
+}
+
 TEST_F(Contract, TracesAboveTheThresholdAreDropped)
 {
     const auto say = [](int32_t level) {

@@ -4,15 +4,24 @@
 #include <cstdlib>
 #include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <malloc.h>
 #include <pthread.h>
+#include <sys/resource.h>
 
 #include "tests/osa/layer.h"
 
 namespace
 {
+
+void *keep(uint32_t size)
+{
+    void *block = OSA_Malloc(size, 0, 0, "test", 1, "test");
+    OSA_Free(block, 0);
+    return block;
+}
 
 class Pools : public Layer
 {
@@ -72,6 +81,87 @@ TEST(PoolsDeathTest, ServeAProgramThatHasUsedUpTheKeysOfThreads)
     EXPECT_EXIT(work_without_keys_of_the_system(), testing::ExitedWithCode(0), "");
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which need memory themselves
+
+// All memory there is, while it lives.
+class NoMemory
+{
+public:
+    NoMemory()
+    {
+        getrlimit(RLIMIT_AS, &m_former);
+        const rlimit none = {1, m_former.rlim_max};
+        setrlimit(RLIMIT_AS, &none);
+    }
+    ~NoMemory()
+    {
+        while (m_taken != nullptr)
+            std::free(std::exchange(m_taken, *static_cast<void **>(m_taken)));
+        setrlimit(RLIMIT_AS, &m_former);
+    }
+    NoMemory(const NoMemory &) = delete;
+    NoMemory &operator=(const NoMemory &) = delete;
+
+    void take_the_rest()
+    {
+        for (size_t size = 1 << 20; size >= 8; size -= size > 8192 ? size / 2 : 8)
+            while (void *block = std::malloc(size))
+                *static_cast<void **>(block) = std::exchange(m_taken, block);
+    }
+
+private:
+    rlimit m_former = {};
+    void *m_taken = nullptr;
+};
+
+bool nothing_is_made(OSA_Queue *queue, const char *path)
+{
+    int item = 0;
+    const OSA_ThreadEntry entry = [](void *) -> int32_t { return 0; };
+    return keep(8) == nullptr && keep(100'000) == nullptr && OSA_SMalloc(64) == nullptr &&
+           OSA_ListCreate() == nullptr && OSA_List_Node_new() == nullptr &&
+           OSA_MutexCreate() == nullptr && OSA_EventCreate(0) == nullptr &&
+           OSA_QueueCreate("none", 0) == nullptr && OSA_QueuePush(queue, &item, 1) != 0 &&
+           OSA_ThreadCreate("none", 0, 0, entry, nullptr) == nullptr &&
+           OSA_FileOpen(path, OSA_FILE_READ) == nullptr && OSA_LibraryLoad(path) == nullptr;
+}
+
+// Once before the thread has a state, and once after, in a process of its own.
+void work_without_memory()
+{
+    const OSA_ThreadEntry entry = [](void *) -> int32_t { return 0; };
+    OSA_SMalloc_Init();
+    OSA_SMalloc_Register(64, "record");
+    bool refused = true;
+    OSA_Queue *queue = nullptr;
+    for (int round = 0; round < 2; ++round) {
+        {
+            NoMemory none;
+            refused &= OSA_ThreadCreate("unstarted", 0, 64 << 20, entry, nullptr) == nullptr;
+            none.take_the_rest();
+            refused &= nothing_is_made(queue, LOADABLE_PATH);
+        }
+        if (queue == nullptr)
+            queue = OSA_QueueCreate("queue", 0);
+    }
+    OSA_QueueDestroy(queue);
+    void *block = OSA_SMalloc(64);
+    OSA_SFree(block, 64);
+    OSA_Alive alive;
+    OSA_AliveGet(&alive);
+    std::exit(refused && block != nullptr && OSA_AliveIsNothing(&alive) ? 0 : 1);
+}
+
+TEST(MemoryDeathTest, WithoutMemoryEveryCreationFailsAndLeavesNothing)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(work_without_memory(), testing::ExitedWithCode(0),
+                "thread \"unstarted\" cannot be started(.|\n)*no memory for 8 bytes asked for by "
+                "test:1 test");
+}
+
+#endif
+
 TEST_F(Pools, NodesGoBackToWhereTheyCameFrom)
 {
     OSA_List *list = OSA_ListCreate();
@@ -115,13 +205,6 @@ size_t bytes_in_use()
 }
 
 using Memory = Layer;
-
-void *keep(uint32_t size)
-{
-    void *block = OSA_Malloc(size, 0, 0, "test", 1, "test");
-    OSA_Free(block, 0);
-    return block;
-}
 
 TEST_F(Memory, LargeBlocksAreKeptForTheirOwnSizeAndWithinBounds)
 {
