@@ -20,6 +20,7 @@ Campaigns states_campaigns();
 
 // On the real OS layer: soak_real.
 Campaigns storm_campaigns();
+Campaigns bad_plugin_campaigns();
 
 } // namespace soak
 

@@ -4,5 +4,5 @@
 
 int main(int argc, char **argv)
 {
-    return soak::main_of(argc, argv, {soak::storm_campaigns()});
+    return soak::main_of(argc, argv, {soak::storm_campaigns(), soak::bad_plugin_campaigns()});
 }
