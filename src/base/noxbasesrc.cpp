@@ -152,6 +152,14 @@ void pause(NOXBaseSrc *source)
     source->held_ = 1;
 }
 
+// Whether the change wakes a thread that is parked. From READY to PLAY it is the start that
+// does; one that fails leaves it parked.
+bool lets_go(const NOXPlugin *plugin, int32_t state)
+{
+    return state == NOX_STATE_NULL ||
+           (state == NOX_STATE_PLAY && nox::load_relaxed(plugin->state) == NOX_STATE_PAUSE);
+}
+
 // In PAUSE a thread parks by itself, in any other state it is to run.
 void note_start(NOXBaseSrc *source)
 {
@@ -241,7 +249,7 @@ int32_t nox_basesrc_setstate(NOXPlugin *plugin, int32_t state)
     NOXBaseSrc *source = nox::source_of(plugin);
     const int32_t result =
         source->setstate_func != nullptr ? source->setstate_func(source, state) : 0;
-    if (state == NOX_STATE_PLAY || state == NOX_STATE_NULL)
+    if (lets_go(plugin, state))
         source->held_ = 0;
     if (state == NOX_STATE_PAUSE && nox::load_relaxed(source->islive))
         pause(source);
