@@ -139,6 +139,7 @@ struct NOXPlugin {
     uint8_t busy;               /**< 1 while a buffer is in chain_func */
     uint8_t hasthread_;         /**< internal: a source's thread has not been joined */
     uint8_t onroad_;            /**< internal: on the road of a search for circles */
+    uint8_t stopping_;          /**< internal: 1 during nox_plugin_stop */
     void *reserved;             /**< the plugin's own; the library does not touch it */
     NOXPluginSetStateFunc setstate_func;         /**< told before a new state is stored */
     NOXPluginLinkFunc link_func;                 /**< told of each new link downstream */
@@ -283,7 +284,8 @@ NOX_API uint8_t nox_plugin_issink(NOXPlugin *plugin);
 NOX_API NOXPlugin *nox_plugin_get_next(NOXPlugin *plugin, int32_t idx, uint32_t *count);
 
 /** The source at the head of the chain, lent, or null, after a level-1 trace, when the
- * head is none, or there is none because the links run in a circle. The all-ones pointer, after a level-1 trace, for a null plugin. */
+ * head is none, or there is none because the links run in a circle. The all-ones pointer, after a
+ * level-1 trace, for a null plugin. */
 NOX_API NOXPlugin *nox_plugin_get_source(NOXPlugin *plugin);
 
 /* ---- pushing, on the thread that produces -------------------------------- */

@@ -89,9 +89,8 @@ void account(NOXBaseSink *sink, NOXBuffer *buffer)
 
 // Tells a pusher that has waited long enough: its source is stopped or paused, and
 // that may be waiting for this very thread. A source that pushes on a thread of its
-// plugin's own is found by the links; one that was never started tells nothing. That is told
-// from one that was stopped before the wait began, as between the branches of a push, by
-// the state: in READY and PAUSE it may be about to start.
+// plugin's own is found by the links. One that was not started when the wait began tells
+// only of a stop under way, which another branch of the push may have noticed before.
 class CallBack
 {
 public:
@@ -105,19 +104,11 @@ public:
 
     bool has_come() const
     {
-        return nox::pushing_source_is_called_back() || is_stopped();
+        return nox::pushing_source_is_called_back() || nox::load_acquire(m_source->stopping_) ||
+               (m_was_started && !nox::load_acquire(m_source->started));
     }
 
 private:
-    bool is_stopped() const
-    {
-        if (nox::load_acquire(m_source->started))
-            return false;
-        const int32_t state = nox::load_acquire(m_source->state);
-        return m_was_started ||
-               (m_source->issrc && (state == NOX_STATE_NULL || state == NOX_STATE_PLAY));
-    }
-
     const NOXPlugin *m_source;
     bool m_was_started;
 };

@@ -27,6 +27,25 @@ void wait_while_busy(const NOXPlugin *plugin)
         OSA_ThreadSleep(kBusyPollMs);
 }
 
+// Says that a stop is under way: stop_func may wait for a thread that pushes.
+class Stopping
+{
+public:
+    explicit Stopping(NOXPlugin *plugin) : m_plugin(plugin)
+    {
+        nox::store_release(plugin->stopping_, uint8_t{1});
+    }
+    ~Stopping()
+    {
+        nox::store_release(m_plugin->stopping_, uint8_t{0});
+    }
+    Stopping(const Stopping &) = delete;
+    Stopping &operator=(const Stopping &) = delete;
+
+private:
+    NOXPlugin *m_plugin;
+};
+
 void wake_from_pause(NOXPlugin *plugin)
 {
     if (plugin->state_event != nullptr)
@@ -83,6 +102,7 @@ int32_t nox_plugin_stop(NOXPlugin *plugin)
     if (!check_plugin(plugin))
         return -1;
     nox::store_ordered(plugin->started, uint8_t{0});
+    const Stopping stopping(plugin);
     wait_while_busy(plugin);
     if (plugin->stop_func != nullptr)
         return plugin->stop_func(plugin);
