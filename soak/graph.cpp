@@ -45,12 +45,6 @@ void draw_branch(Watch &watch, Dice &dice, Actor &from, uint32_t tees)
         Watch::link(*last, add_sink(watch, dice));
 }
 
-SourceKind draw_kind(Dice &dice)
-{
-    return {
-        .live = dice.chance(65), .own_thread = dice.chance(15), .interval_ms = 1 + dice.below(9)};
-}
-
 // Only sources that are live and have the base source's thread are known to have data, so
 // that beside any other kind nobody may wait for all of them.
 void let_start_alone(Watch &watch)
@@ -72,6 +66,12 @@ void move_to_end(Watch &watch, Actor &actor)
 }
 
 } // namespace
+
+SourceKind draw_kind(Dice &dice)
+{
+    return {
+        .live = dice.chance(65), .own_thread = dice.chance(15), .interval_ms = 1 + dice.below(9)};
+}
 
 void draw_graph(Watch &watch, Dice &dice, uint32_t most_sources)
 {

@@ -7,6 +7,8 @@
 namespace soak
 {
 
+SourceKind draw_kind(Dice &dice);
+
 // Up to `most_sources` sources of any kind; behind each a chain of filters that may branch,
 // and branch again; at the end of every branch a sink, some of which wait for the clock. The
 // order of the members is drawn, too.

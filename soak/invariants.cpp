@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace soak
 {
 
@@ -122,13 +124,25 @@ void Watch::see_change(Actor &actor, int32_t state)
         ++actor.due_starts;
     if (state == NOX_STATE_NULL)
         ++actor.due_stops;
+    if (state == NOX_STATE_PLAY && actor.parked && m_clock_moved)
+        forget_stamps(actor);
     if (state == NOX_STATE_PLAY || state == NOX_STATE_NULL)
         actor.parked = false;
+    if (state == NOX_STATE_PLAY)
+        actor.closed_at = 0;
+    if (actor.on_change)
+        actor.on_change(state);
 }
 
 void Watch::see_start(Actor &actor)
 {
-    actor.open = true;
+    // Of a sink, the result of its start is not looked at.
+    actor.open = actor.script->start_result == 0 || actor.plugin->issink;
+    if (actor.closed_at != 0 && is_running(actor)) {
+        ++actor.restarts;
+        actor.shortest_closed =
+            std::min<uint64_t>(actor.shortest_closed, SIM_Tick() - actor.closed_at);
+    }
     if (actor.own_thread && actor.script->start_result == 0)
         begin_own_thread(actor);
 }
@@ -138,6 +152,7 @@ void Watch::see_stop(Actor &actor)
     if (actor.own_thread)
         end_own_thread(actor);
     actor.open = false;
+    actor.closed_at = SIM_Tick();
 }
 
 void Watch::see_take(Actor &actor, NOXBuffer *buffer)
@@ -346,13 +361,27 @@ void Watch::stop_members()
 
 void Watch::set_clock(uint64_t reading)
 {
+    m_clock_moved = true;
     nox_timer_settime_absolute(pipe->clock, reading);
+}
+
+// A source that leaves a pause stamps anew by a clock that was moved; from NULL, it does not.
+void Watch::forget_stamps(const Actor &source)
+{
     for (Actor &actor : actors)
-        for (Unordered<uint64_t> &stamp : actor.last_stamp)
-            stamp = 0;
+        actor.last_stamp[source.place] = 0;
 }
 
 // ---- the end ------------------------------------------------------------------
+
+void Watch::expect_flow()
+{
+    for (const Actor &actor : actors) {
+        const uint32_t before = actor.script->taken;
+        const auto has_moved = [&] { return actor.plugin->issrc || actor.script->taken > before; };
+        EXPECT_TRUE(wait_until(has_moved, kCleanEndMs)) << actor.name << " gets no buffers";
+    }
+}
 
 // False for one that has pushed its end of stream and does not push another.
 bool Watch::let_end_soon(Actor &source)

@@ -85,7 +85,8 @@ struct Actor {
     bool own_thread = false; // produces in a context of its own
     uint32_t interval_ms = 5;
     std::function<bool()> has_data = nullptr;
-    std::function<void(NOXBuffer *)> adorn = nullptr; // the last word on a fresh buffer
+    std::function<void(NOXBuffer *)> adorn = nullptr;       // the last word on a fresh buffer
+    std::function<void(int32_t state)> on_change = nullptr; // before it is made
 
     // Filters and sinks: what a buffer costs, and the answer to it.
     Unordered<uint32_t> take_ms{0};
@@ -94,8 +95,12 @@ struct Actor {
     // What it has seen.
     Unordered<uint32_t> due_starts{0};
     Unordered<uint32_t> due_stops{0};
-    Unordered<bool> open{false};   // between start and stop
-    Unordered<bool> parked{false}; // source: see invariant 1
+    Unordered<bool> open{false}; // between start and stop
+    Unordered<uint64_t> closed_at{
+        0};                          // tick of its last stop; 0: none since the last change to PLAY
+    Unordered<uint32_t> restarts{0}; // starts while it runs, after a stop
+    Unordered<uint64_t> shortest_closed{UINT64_MAX}; // ms, of the restarts
+    Unordered<bool> parked{false};                   // source: see invariant 1
     Unordered<uint32_t> made_while_paused{0};
     Unordered<uint32_t> numbered{0}; // buffers
     Unordered<uint32_t> posted{0};   // messages
@@ -149,8 +154,11 @@ public:
     void start_members();
     void stop_members();
 
-    // Sets the clock as an application may while nothing flows; stamps begin anew.
+    // Sets the clock as an application may while the pipe is paused.
     void set_clock(uint64_t reading);
+
+    // While the pipe plays and no source has ended: everybody gets further buffers.
+    void expect_flow();
 
     // From whatever state: NULL, PLAY, end of stream, NULL; all devices closed, all messages
     // there, starts and stops in balance.
@@ -173,6 +181,7 @@ private:
     void see_take(Actor &actor, NOXBuffer *buffer);
     void see_message(const std::string &name, int32_t code, const std::string &text);
     void note_parked();
+    void forget_stamps(const Actor &source);
 
     NOXBuffer *produce(Actor &source);
     NOXBuffer *new_buffer(Actor &source);
@@ -185,6 +194,7 @@ private:
     void expect_balance(const Actor &actor) const;
 
     Unordered<bool> m_refusing{false};
+    Unordered<bool> m_clock_moved{false};
     Unordered<bool> m_in_order{true}; // see start_members
     Unordered<uint64_t> m_made{0};
     Unordered<uint64_t> m_released{0};
