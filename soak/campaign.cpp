@@ -25,7 +25,8 @@ namespace
 {
 
 constexpr unsigned most_workers = 64;
-constexpr uint64_t most_findings = 20; // of one campaign; more would be the same again
+constexpr uint64_t runs_of_a_child = 500; // a sanitizer never forgets a thread that has ended
+constexpr uint64_t most_findings = 20;    // of one campaign; more would be the same again
 
 // What children and parent share.
 struct Board {
@@ -102,7 +103,10 @@ uint64_t nth_run(uint64_t place, uint64_t taken, uint64_t all)
 
 void work(const Campaign &campaign, uint64_t taken, uint64_t all, Board &board, unsigned worker)
 {
-    for (uint64_t place = board.next++; place < taken; place = board.next++) {
+    for (uint64_t done = 0; done < runs_of_a_child && board.findings < most_findings; ++done) {
+        const uint64_t place = board.next++;
+        if (place >= taken)
+            break;
         const uint64_t run = nth_run(place, taken, all);
         board.current[worker] = run;
         alarm(campaign.limit_seconds);
@@ -111,8 +115,6 @@ void work(const Campaign &campaign, uint64_t taken, uint64_t all, Board &board, 
             tell(campaign, run, failures);
             ++board.findings;
         }
-        if (board.findings >= most_findings)
-            return;
     }
     alarm(0);
 }
@@ -156,7 +158,7 @@ uint64_t count_in_child(const Campaign &campaign, Board &board)
     return 0;
 }
 
-// Keeps the workers going until all runs are taken; a child that died is replaced.
+// Keeps the workers going until all runs are taken; a child that ended is replaced.
 void run_all(const Campaign &campaign, uint64_t taken, uint64_t all, Board &board, unsigned workers)
 {
     std::vector<pid_t> children(workers, 0);
@@ -169,12 +171,13 @@ void run_all(const Campaign &campaign, uint64_t taken, uint64_t all, Board &boar
     for (unsigned running = workers; running > 0; --running) {
         int status = 0;
         const pid_t child = waitpid(-1, &status, 0);
-        if (status == 0)
-            continue;
         const auto worker = static_cast<unsigned>(
             std::find(children.begin(), children.end(), child) - children.begin());
-        tell(campaign, board.current[worker], end_text(status, campaign.limit_seconds));
-        if (++board.findings < most_findings && board.next < taken) {
+        if (status != 0) {
+            tell(campaign, board.current[worker], end_text(status, campaign.limit_seconds));
+            ++board.findings;
+        }
+        if (board.findings < most_findings && board.next < taken) {
             start(worker);
             ++running;
         }
