@@ -22,6 +22,7 @@ namespace
 
 constexpr uint64_t kPairs = 10'000;
 constexpr uint64_t kQuickPairs = 500;
+constexpr uint64_t kQuickQuiet = 1000;
 constexpr uint64_t kSchedules = 1000;
 constexpr uint64_t kNearby = 12; // calls: what handles a failure comes right after it
 
@@ -153,6 +154,30 @@ void run_pair(const std::vector<Scenario> &scenarios, uint64_t number)
     judge(scenario, outcome, SIM_FallibleText(first) + " and " + SIM_FallibleText(second));
 }
 
+// The same faults, each once, with the traces switched off: what is told must not be part of
+// what is done. The runs count through the scenarios, one after the other.
+void run_quiet(const std::vector<Scenario> &scenarios, uint64_t number)
+{
+    auto scenario = scenarios.begin();
+    for (; number > clean_run_of(*scenario).calls; ++scenario)
+        number -= clean_run_of(*scenario).calls;
+    const Outcome outcome = run(*scenario, [=] {
+        OSA_TraceSetLevel(0);
+        SIM_FailNth(number);
+    });
+    const std::string where = std::string(scenario->name) + ": " + SIM_FallibleText(number);
+    EXPECT_EQ("", outcome.remains) << where;
+    judge_clean(*scenario, run(*scenario, SIM_FailNone), "afterwards, " + where);
+}
+
+uint64_t count_calls(const std::vector<Scenario> &scenarios)
+{
+    uint64_t calls = 0;
+    for (const Scenario &scenario : scenarios)
+        calls += clean_run_of(scenario).calls;
+    return calls;
+}
+
 } // namespace
 
 Campaigns fault_campaigns()
@@ -165,6 +190,9 @@ Campaigns fault_campaigns()
                              [scenario] { return count_faults(scenario); }});
     campaigns.push_back({"faults-pairs", "pairs", kPairs, kQuickPairs,
                          [scenarios](uint64_t number) { run_pair(scenarios, number); }});
+    campaigns.push_back({"faults-quiet", "faults without traces", 0, kQuickQuiet,
+                         [scenarios](uint64_t number) { run_quiet(scenarios, number); },
+                         [scenarios] { return count_calls(scenarios); }});
     return campaigns;
 }
 
