@@ -219,6 +219,7 @@ void die_in_a_pause(uint64_t run)
     EXPECT_EQ(0, watch.to(NOX_STATE_NULL));
     EXPECT_EQ(0, watch.to(NOX_STATE_PLAY));
     expect_told(watch, source, death);
+    EXPECT_EQ(0, watch.to(NOX_STATE_NULL));
     source.adorn = nullptr;
     watch.expect_clean_end();
 }
