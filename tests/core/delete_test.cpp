@@ -1,5 +1,6 @@
-// Deleting what still runs: nothing crashes, waits for itself or is left alive,
-// whatever the schedule, and the application is told what it forgot.
+// Deleting what still runs: nothing crashes, waits for itself or is left alive, and the
+// application is told what it forgot. Deletions on the pipe's own threads, and beside
+// requests and messages, are explored by the campaign schedules-deletion.
 
 #include <memory>
 
@@ -37,40 +38,6 @@ uint32_t told_of(const std::string &source)
 {
     return traced("noxplugin", 1,
                   "plugin(" + source + ") is released before its thread was joined");
-}
-
-// What an application does from inside a call of the library. The flag is its own
-// memory, so it outlives the pipe.
-NOXPipe *g_pipe = nullptr;
-std::atomic<bool> g_deleted{false};
-
-void delete_pipe()
-{
-    nox_object_delete(g_pipe);
-    g_deleted = true;
-}
-
-// The application's own word to its handler that its change of state is over: the
-// handler may use, or delete, the pipe.
-constexpr int32_t kAfterTheChange = 1000;
-
-int32_t delete_on_message(NOXBus *, void *, const char *, int32_t code, const char *)
-{
-    if (code == kAfterTheChange)
-        delete_pipe();
-    return 0;
-}
-
-int32_t delete_on_change(NOXPipe *, int32_t, int32_t)
-{
-    delete_pipe();
-    return 0;
-}
-
-void hand_over(const Graph &graph)
-{
-    g_pipe = graph.pipe;
-    g_deleted = false;
 }
 
 TEST(Delete, OfAPipeInAnyStateEndsItsSourcesFirstAndNamesThem)
@@ -145,112 +112,14 @@ TEST(Delete, OfASourceAloneEndsItsThreadBeforeItsLinksGo)
     });
 }
 
-TEST(Delete, InThePipesOwnBusHandlerIsToldAndReleasesAll)
-{
-    under_seeds(kSeeds, [] {
-        Graph graph;
-        script("s").buffers = static_cast<uint32_t>(SIM_Seed() % 3); // posts when it quits
-        hand_over(graph);
-        nox_pipe_set_bus_handler(graph.pipe, delete_on_message, nullptr);
-        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
-        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 50));
-        nox_bus_post_error(graph.pipe->busref, "application", kAfterTheChange, nullptr);
-        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
-        if (SIM_Seed() % 2 == 0) { // else the library is shut down while the handler returns
-            OSA_ThreadSleep(1);
-            nox_object_delete(nox_pipe_new("next"));
-            EXPECT_EQ(0u, alive().threads) << "the next pipe has joined the thread that was left";
-        }
-        EXPECT_EQ(1u, traced("noxpipe", 1, "pipe(player) deleted in its own bus handler"));
-    });
-}
+NOXPipe *g_pipe = nullptr;
+std::atomic<bool> g_deleted{false}; // outlives the pipe
 
-TEST(Delete, OnThePipesOwnControlThreadIsToldAndReleasesAll)
+int32_t delete_on_message(NOXBus *, void *, const char *, int32_t, const char *)
 {
-    under_seeds(kSeeds, [] {
-        Graph graph;
-        hand_over(graph);
-        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
-        nox_pipe_set_state_async(graph.pipe, NOX_STATE_PAUSE, delete_on_change);
-        nox_pipe_set_state_async(graph.pipe, NOX_STATE_NULL, nullptr); // too late
-        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
-        EXPECT_EQ(1u, traced("noxpipe", 1, "pipe(player) deleted on its own control thread"));
-        EXPECT_EQ(1u, told_of("s"));
-    });
-}
-
-TEST(Delete, WaitsForAHandlerThatIsUsingThePipe)
-{
-    under_seeds(kSeeds, [] {
-        Graph graph;
-        hand_over(graph);
-        nox_pipe_set_bus_handler(
-            graph.pipe,
-            [](NOXBus *, void *, const char *, int32_t code, const char *) {
-                if (code != kAfterTheChange)
-                    return 0;
-                OSA_ThreadSleep(1);
-                nox_pipe_get_allsrc_stopped(g_pipe);
-                return SIM_Seed() % 2 == 0
-                           ? nox_pipe_set_state(g_pipe, NOX_STATE_NULL)
-                           : nox_pipe_set_state_async(g_pipe, NOX_STATE_PAUSE, nullptr);
-            },
-            nullptr);
-        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
-        for (int i = 0; i < 3; ++i)
-            nox_bus_post_error(graph.pipe->busref, "application", kAfterTheChange, nullptr);
-        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 4));
-        nox_object_delete(graph.pipe);
-    });
-}
-
-TEST(Delete, OfABusAloneInItsHandlerIsToldToo)
-{
-    under_seeds(kSeeds, [] {
-        static NOXBus *bus;
-        g_deleted = false;
-        bus = nox_bus_new("alone");
-        nox_bus_set_handler(
-            bus,
-            [](NOXBus *, void *, const char *, int32_t, const char *) {
-                nox_bus_post_error(bus, "test", 2, "goes with the bus");
-                nox_object_delete(bus);
-                g_deleted = true;
-                return 0;
-            },
-            nullptr);
-        nox_bus_post_error(bus, "test", 1, nullptr);
-        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
-        EXPECT_EQ(1u, SIM_TraceCount("deleted in its own handler\n", 1));
-    });
-}
-
-TEST(Delete, OnASourcesOwnThreadIsToldAndLeavesThePluginsOnItsStackAlone)
-{
-    under_seeds(kSeeds, [] {
-        Graph graph;
-        hand_over(graph);
-        OSA_Event *may_go = OSA_EventCreate(0);
-        script("k2").take = [may_go](NOXBuffer *) {
-            if (OSA_EventWait(may_go, 0) == 0)
-                delete_pipe();
-            return 0;
-        };
-        NOXPlugin *plugins[6];
-        size_t count = 0;
-        for (OSA_ListNode *node = OSA_ListGetHead(graph.pipe->plugins); node; node = node->next)
-            plugins[count++] = static_cast<NOXPlugin *>(node->data);
-        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
-        OSA_EventSend(may_go);
-        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
-        OSA_EventDestroy(may_go);
-        EXPECT_EQ(1u, traced("noxpipe", 1, "pipe(player) deleted on the thread of its source (s)"));
-        EXPECT_EQ(0u, script("k1").finalized);
-        nox_object_delete(graph.source); // joins its thread
-        for (NOXPlugin *plugin : plugins)
-            if (plugin != graph.source)
-                nox_object_delete(plugin);
-    });
+    nox_object_delete(g_pipe);
+    g_deleted = true;
+    return 0;
 }
 
 TEST(Delete, InsideAHandlerSurvivesEveryFault)
@@ -262,7 +131,7 @@ TEST(Delete, InsideAHandlerSurvivesEveryFault)
         g_pipe = pipe;
         g_deleted = false;
         nox_pipe_set_bus_handler(pipe, delete_on_message, nullptr);
-        if (nox_bus_post_error(pipe->busref, "test", kAfterTheChange, nullptr) != 0)
+        if (nox_bus_post_error(pipe->busref, "test", 1, nullptr) != 0)
             return nox_object_delete(pipe);
         EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
     });
