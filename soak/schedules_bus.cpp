@@ -7,6 +7,7 @@
 
 #include "soak/campaigns.h"
 #include "soak/dice.h"
+#include "soak/invariants.h"
 #include "tests/core/on_stage.h"
 
 namespace soak
@@ -59,15 +60,16 @@ private:
     bool m_handler_leaves;
     NOXBus *m_bus = nox_bus_new("messages");
     std::deque<Setting> m_settings[changers];
-    std::atomic<uint32_t> m_posted[posters] = {};
-    std::atomic<bool> m_handler_deletes{false};
-    std::atomic<bool> m_over{false};
+    Unordered<uint32_t> m_posted[posters];
+    Unordered<bool> m_handler_deletes{false};
+    Unordered<bool> m_over{false};
+    OSA_Event *m_gone = OSA_EventCreate(0); // sent when it is over
 
     // Of the bus thread.
     Dice m_handler_dice{m_run, 100};
-    std::atomic<uint32_t> m_heard[posters] = {}; // places: the next one
+    Unordered<uint32_t> m_heard[posters]; // places: the next one
     uint32_t m_last_setting[changers] = {};
-    std::atomic<bool> m_is_inside{false};
+    Unordered<bool> m_is_inside{false};
     uint32_t m_own_posts_left;
 };
 
@@ -114,6 +116,7 @@ int32_t Story::finalize(void *bus)
     const int32_t result = nox_bus_finalize(bus);
     EXPECT_EQ(t_is_handler, m_is_inside) << "a handler runs on after the deletion";
     m_over = true;
+    OSA_EventSend(m_gone);
     return result;
 }
 
@@ -137,7 +140,7 @@ void Story::set_handler(Dice &dice, int changer)
 // What is posted from is the poster's again at once.
 void Story::post(Dice &dice, int poster)
 {
-    const auto code = static_cast<int32_t>(poster * codes_of_one + m_posted[poster]++);
+    const auto code = static_cast<int32_t>(poster * codes_of_one + ++m_posted[poster] - 1);
     std::string name = std::to_string(poster);
     std::string text = text_of(code);
     EXPECT_EQ(0,
@@ -239,16 +242,19 @@ void Story::play()
         threads.emplace_back([this] { act_as_changer(1); });
     post(m_dice, 0); // so that the handler is called once at least
     act_as_poster(0);
-    EXPECT_TRUE(wait_until([this] { return m_over.load(); }));
+    EXPECT_EQ(0, OSA_EventWait(m_gone, 60'000));
+    OSA_EventDestroy(m_gone);
 }
 
 void run_story(uint64_t run)
 {
-    Stage stage({.seed = run}, false);
+    Dice dice(run, 200);
+    Stage stage(drawn_schedule(run, dice), false);
     Story story(run);
     story.play();
     const bool by_handler = SIM_TraceCount("deleted in its own handler\n", OSA_TRACE_ERROR) > 0;
     EXPECT_EQ(story.handler_deletes(), by_handler);
+    EXPECT_EQ("", stage.end()) << "the handler that deleted its bus has returned";
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 
 #include "soak/campaigns.h"
 #include "soak/dice.h"
+#include "soak/invariants.h"
 #include "tests/core/on_stage.h"
 
 namespace soak
@@ -91,7 +92,7 @@ private:
     uint32_t m_longest_render_ms = m_dice.chance(80) ? 30 : 400;
     bool m_meddles = m_dice.chance(50); // with the clock
     bool m_parked = false;
-    std::atomic<uint32_t> m_acts{0}; // odd: the application is at it
+    Unordered<uint32_t> m_acts{0}; // odd: the application is at it
     std::map<std::string, uint32_t> m_starts_at_stop;
 
     // Of the source's thread, and of the application's while that stands still.
@@ -99,8 +100,8 @@ private:
     NOXBufAdpt *m_adapter = nullptr;
     std::deque<NOXBuffer *> m_shown;
     uint32_t m_most_shown = m_dice.below(most_lent + 1);
-    std::atomic<uint32_t> m_in_chain{0};
-    std::atomic<uint32_t> m_lent{0};
+    Unordered<uint32_t> m_in_chain{0};
+    Unordered<uint32_t> m_lent{0};
     uint8_t m_next_byte = 0;     // to be created
     uint8_t m_next_rendered = 0; // to be rendered
     uint64_t m_pushed_reading = 0;
@@ -112,7 +113,7 @@ Story *g_story = nullptr;
 class Inside
 {
 public:
-    explicit Inside(std::atomic<uint32_t> &count) : m_count(count)
+    explicit Inside(Unordered<uint32_t> &count) : m_count(count)
     {
         ++m_count;
     }
@@ -124,7 +125,7 @@ public:
     Inside &operator=(const Inside &) = delete;
 
 private:
-    std::atomic<uint32_t> &m_count;
+    Unordered<uint32_t> &m_count;
 };
 
 // ---- the plugins ----------------------------------------------------------------
@@ -435,7 +436,8 @@ void Story::play()
 
 void run_story(uint64_t run)
 {
-    Stage stage({.seed = run});
+    Dice dice(run, 200);
+    Stage stage(drawn_schedule(run, dice));
     Story(run).play();
 }
 

@@ -12,6 +12,7 @@
 
 #include "soak/campaigns.h"
 #include "soak/dice.h"
+#include "soak/invariants.h"
 #include "tests/core/on_stage.h"
 
 namespace soak
@@ -34,9 +35,9 @@ constexpr size_t most_requests = 32;
 constexpr int32_t go = 1000; // the application's message to its handler
 
 struct Request {
-    Actor actor;
-    int32_t state;
-    std::atomic<uint32_t> answers{0};
+    Unordered<Actor> actor{kActors};
+    Unordered<int32_t> state{0};
+    Unordered<uint32_t> answers{0};
 };
 
 class Story
@@ -68,12 +69,13 @@ private:
     std::vector<NOXPlugin *> m_members;
 
     Request m_requests[most_requests];
-    std::atomic<size_t> m_asked{0};
-    std::atomic<size_t> m_answered{0};
-    std::atomic<uint32_t> m_late_answers{0}; // since the deletion began
-    std::atomic<bool> m_began{false};
-    std::atomic<bool> m_over{false};
-    Actor m_deleter = kActors;
+    Unordered<size_t> m_asked{0};
+    Unordered<size_t> m_answered{0};
+    Unordered<uint32_t> m_late_answers{0}; // since the deletion began
+    Unordered<bool> m_began{false};
+    Unordered<bool> m_over{false};
+    OSA_Event *m_gone = OSA_EventCreate(0); // sent when it is over
+    Unordered<Actor> m_deleter{kActors};
 
     // Of one actor each.
     Dice m_handler_dice{m_run, kHandler};
@@ -158,7 +160,7 @@ void Story::ask(Actor actor, Dice &dice, uint32_t count)
     if (m_handler_changes)
         return;
     for (; count > 0; --count) {
-        const size_t number = m_asked++;
+        const size_t number = ++m_asked - 1;
         ASSERT_LT(number, most_requests);
         const int32_t state = m_takes_part[kSource] ? dice.one_of(running) : dice.one_of(any);
         m_requests[number].actor = actor;
@@ -182,17 +184,19 @@ int32_t Story::finalize(void *pipe)
     m_began = true;
     const int32_t result = nox_pipe_finalize(pipe);
     m_over = true;
+    OSA_EventSend(m_gone);
     return result;
 }
 
 void Story::answer(size_t request, int32_t state, int32_t result)
 {
     EXPECT_FALSE(m_over) << "answered after the deletion";
-    EXPECT_EQ(0u, m_requests[request].answers++);
+    EXPECT_EQ(1u, ++m_requests[request].answers);
     EXPECT_EQ(m_requests[request].state, state);
     EXPECT_EQ(0, result);
     ++m_answered;
-    m_late_answers += m_began ? 1 : 0;
+    if (m_began)
+        ++m_late_answers;
     if (!m_takes_part[kCallback] || m_callbacks_left == 0)
         return;
     if (--m_callbacks_left == 0)
@@ -257,13 +261,15 @@ void Story::play()
         ask(kApplication, m_dice, m_takes_part[kCallback] ? 1 : 0);
         act_as(kApplication);
     }
-    EXPECT_TRUE(wait_until([this] { return m_over.load(); }));
+    EXPECT_EQ(0, OSA_EventWait(m_gone, 60'000));
+    OSA_EventDestroy(m_gone);
     finish();
 }
 
 void Story::finish()
 {
     if (m_deleter == kSource) { // whose code was running: the pipe has left its plugins alone
+        EXPECT_EQ(0u, script("f").finalized);
         for (NOXPlugin *member : m_members)
             nox_plugin_setstate(member, NOX_STATE_NULL);
         for (NOXPlugin *member : m_members)
@@ -307,7 +313,8 @@ void Story::check_traces() const
 
 void run_story(uint64_t run)
 {
-    Stage stage({.seed = run});
+    Dice dice(run, 200);
+    Stage stage(drawn_schedule(run, dice));
     Story(run).play();
 }
 
