@@ -63,7 +63,8 @@ struct NOXBaseFilter {
 
 /** Initialises the plugin part and installs the base operations in the plugin's
  * slots. Called by the plugin's init function, before it fills the filter's functions.
- * 0; -1, after a level-1 trace and with nothing installed, for null and on failure. */
+ * 0; -1, after a level-1 trace and with nothing installed, for null, for a record made too
+ * small for a NOXBaseFilter, and on failure. */
 NOX_API int32_t nox_basefilter_init(NOXBaseFilter *filter);
 
 /** Size in bytes of NOXBaseFilter. */

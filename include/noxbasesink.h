@@ -85,7 +85,8 @@ struct NOXBaseSink {
 /** Initialises the plugin part, marks it a sink, installs the base operations in the
  * plugin's slots. Called by the plugin's init function, before it fills the sink's
  * functions. The result is that of the plugin part: 0; -1, after a level-1 trace, for
- * null and when its state event cannot be made, though the rest is done then. */
+ * null, for a record made too small for a NOXBaseSink, and when its state event cannot be
+ * made, though the rest is done then. */
 NOX_API int32_t nox_basesink_init(NOXBaseSink *sink);
 
 /** Size in bytes of NOXBaseSink. */

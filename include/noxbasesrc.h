@@ -120,7 +120,7 @@ struct NOXBaseSrc {
 /** Initialises the plugin part, marks it a source, installs the base operations
  * in the plugin's slots and sets the defaults. Called by the plugin's init
  * function, before it fills the source's functions. 0; -1, after a level-1 trace and with
- * nothing set, for null and on failure. */
+ * nothing set, for null, for a record made too small for a NOXBaseSrc, and on failure. */
 NOX_API int32_t nox_basesrc_init(NOXBaseSrc *source);
 
 /** Size in bytes of NOXBaseSrc. */

@@ -3,6 +3,7 @@
 
 #include "noxbasefilter.h"
 
+#include "base/record_size.h"
 #include "internal/atomic_field.h"
 #include "internal/trace.h"
 
@@ -30,6 +31,8 @@ int32_t fail_when_not_zero(const NOXBaseFilter *filter, int32_t result,
 int32_t nox_basefilter_init(NOXBaseFilter *filter)
 {
     auto *plugin = reinterpret_cast<NOXPlugin *>(filter); // null stays null
+    if (!nox::holds<NOXBaseFilter>(plugin, kSource))
+        return -1;
     const int32_t result = nox_plugin_init(plugin);
     if (result != 0) {
         NOX_TRACE_OBJECT(plugin, OSA_TRACE_ERROR, "plugin init failed ret(%d)\n", result);

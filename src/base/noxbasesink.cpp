@@ -4,6 +4,7 @@
 #include "noxbasesink.h"
 
 #include "base/option.h"
+#include "base/record_size.h"
 #include "internal/trace.h"
 #include "noxpipe.h"
 
@@ -64,6 +65,8 @@ void end_stream(NOXPlugin *plugin)
 int32_t nox_basesink_init(NOXBaseSink *sink)
 {
     auto *plugin = reinterpret_cast<NOXPlugin *>(sink); // null stays null
+    if (!nox::holds<NOXBaseSink>(plugin, kSource))
+        return -1;
     const int32_t result = nox_plugin_init(plugin);
     if (plugin == nullptr)
         return result;

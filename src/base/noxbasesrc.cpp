@@ -24,6 +24,7 @@
 #include "noxbasesrc.h"
 
 #include "base/basesrc_internal.h"
+#include "base/record_size.h"
 #include "core/own_loop.h"
 #include "internal/atomic_field.h"
 #include "internal/trace.h"
@@ -171,6 +172,8 @@ void note_start(NOXBaseSrc *source)
 int32_t nox_basesrc_init(NOXBaseSrc *source)
 {
     auto *plugin = reinterpret_cast<NOXPlugin *>(source); // null stays null
+    if (!nox::holds<NOXBaseSrc>(plugin, kSource))
+        return -1;
     const int32_t result = nox_plugin_init(plugin);
     if (result != 0) {
         NOX_TRACE_OBJECT(plugin, OSA_TRACE_ERROR, "plugin init failed ret(%d)\n", result);
