@@ -278,7 +278,7 @@ int32_t OSA_FileClose(OSA_File *file);
  * is wrong, on failure. Release with OSA_LibraryUnLoad. */
 OSA_Library *OSA_LibraryLoad(const char *path);
 
-/** The address of an exported function, or null. */
+/** The address of an exported function, or null, also for data under that name. */
 void *OSA_LibraryGetFunc(OSA_Library *library, const char *symbol);
 
 /** Releases the handle; the code goes with the last handle of the same file. */

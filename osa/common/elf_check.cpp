@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
 #include <sys/stat.h>
@@ -180,6 +181,19 @@ bool elf_check(const char *path, char *reason, size_t size)
     if (fault != nullptr)
         std::snprintf(reason, size, "%s", fault);
     return fault == nullptr;
+}
+
+bool is_function(const void *address)
+{
+    Dl_info nearest;
+    const ElfW(Sym) *symbol = nullptr;
+    void **const to_symbol = reinterpret_cast<void **>(const_cast<ElfW(Sym) **>(&symbol));
+    // An indirect function may lead to where no symbol is.
+    if (dladdr1(address, &nearest, to_symbol, RTLD_DL_SYMENT) == 0 || symbol == nullptr ||
+        nearest.dli_saddr != address)
+        return true;
+    const unsigned type = ELF64_ST_TYPE(symbol->st_info); // the same for 32 bits
+    return type != STT_OBJECT && type != STT_COMMON && type != STT_TLS;
 }
 
 } // namespace osa

@@ -12,6 +12,9 @@ namespace osa
 // False with the reason, in words, in `reason` of `size` bytes.
 bool elf_check(const char *path, char *reason, size_t size);
 
+// Whether what a library exports at this address can be called: its symbol is not one of data.
+bool is_function(const void *address);
+
 } // namespace osa
 
 #endif

@@ -67,7 +67,13 @@ OSA_Library *OSA_LibraryLoad(const char *path)
 
 void *OSA_LibraryGetFunc(OSA_Library *library, const char *symbol)
 {
-    return library != nullptr && symbol != nullptr ? dlsym(library->handle, symbol) : nullptr;
+    if (library == nullptr || symbol == nullptr)
+        return nullptr;
+    void *address = dlsym(library->handle, symbol);
+    if (address == nullptr || osa::is_function(address))
+        return address;
+    OSA_REPORT(OSA_TRACE_ERROR, "symbol %s is data, not a function\n", symbol);
+    return nullptr;
 }
 
 int32_t OSA_LibraryUnLoad(OSA_Library *library)

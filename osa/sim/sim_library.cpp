@@ -70,8 +70,10 @@ void *OSA_LibraryGetFunc(OSA_Library *library, const char *symbol)
     if (layer.must_fail("OSA_LibraryGetFunc", SIM_CALLER) ||
         !layer.check(library, Kind::library, "OSA_LibraryGetFunc") || symbol == nullptr)
         return nullptr;
-    if (library->loaded != nullptr)
-        return dlsym(library->loaded, symbol);
+    if (library->loaded != nullptr) {
+        void *address = dlsym(library->loaded, symbol);
+        return address != nullptr && osa::is_function(address) ? address : nullptr;
+    }
     const auto &symbols = layer->libraries[library->name];
     const auto found = symbols.find(symbol);
     return found == symbols.end() ? nullptr : found->second;

@@ -102,6 +102,8 @@ TEST_F(Contract, ALibraryGivesItsFunctionsAndADamagedOneIsRefusedInPlainWords)
     const auto answer = reinterpret_cast<int (*)()>(OSA_LibraryGetFunc(library, "answer"));
     EXPECT_EQ(answer(), 42);
     EXPECT_EQ(OSA_LibraryGetFunc(library, "question"), nullptr);
+    EXPECT_EQ(OSA_LibraryGetFunc(library, "number"), nullptr); // data
+    EXPECT_EQ(complaints(), kLayer.is_simulated ? "" : "1 symbol number is data, not a function\n");
     EXPECT_EQ(OSA_LibraryUnLoad(library), 0);
 
     // A bare name is one of the working folder, whatever the system has of that name.

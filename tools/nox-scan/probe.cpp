@@ -47,7 +47,7 @@ Probe describe(OSA_Library *library)
     const auto plugin_desc_func =
         reinterpret_cast<NOXPluginDescFunc>(OSA_LibraryGetFunc(library, "plugin_desc"));
     if (plugin_desc_func == nullptr)
-        return {"", "no plugin descriptor (it does not export plugin_desc)"};
+        return {"", "no plugin descriptor (it exports no function plugin_desc)"};
     NOXPluginDesc description{};
     plugin_desc_func(&description);
     if (description.name == nullptr || *description.name == '\0')
