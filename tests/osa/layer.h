@@ -23,8 +23,7 @@ struct LayerUnderTest {
     std::string (*misuses)();        // a line each, forgotten then
     bool is_simulated;               // a wait takes its time and not a tick more
     uint32_t rounds;                 // what threads that race do to be found out
-    uint32_t slow_ms;                // a thread's way to its end
-    std::vector<uint32_t> slow_told; // seconds after which it is named
+    std::vector<uint32_t> slow_told; // seconds after which a thread that does not end is named
 };
 extern const LayerUnderTest kLayer;
 

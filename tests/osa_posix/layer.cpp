@@ -8,7 +8,6 @@ const LayerUnderTest kLayer = {
     .misuses = [] { return std::string(); }, // are traced
     .is_simulated = false,
     .rounds = 20'000,
-    .slow_ms = 1'200,
     .slow_told = {1},
 };
 

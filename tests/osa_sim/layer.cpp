@@ -14,7 +14,6 @@ const LayerUnderTest kLayer = {
         },
     .is_simulated = true,
     .rounds = 10,
-    .slow_ms = 31'200,
     .slow_told = {1, 11, 21, 31},
 };
 
