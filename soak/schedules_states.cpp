@@ -86,6 +86,14 @@ void walk(Watch &watch, Dice &dice, const std::vector<Step> &steps)
     }
 }
 
+// For a pipe that is deleted while its data flows.
+void leave_playing(Watch &watch, Dice &dice)
+{
+    watch.to(NOX_STATE_NULL);
+    watch.to(NOX_STATE_PLAY);
+    OSA_ThreadSleep(dice.below(30));
+}
+
 void change_states(uint64_t run)
 {
     // A chain of a state of its own, a refused change or a start without one leave a pipe
@@ -104,6 +112,8 @@ void change_states(uint64_t run)
     walk(watch, dice, dice.one_of(stories));
     if (dice.chance(70))
         watch.expect_clean_end();
+    if (dice.chance(50))
+        leave_playing(watch, dice);
 }
 
 } // namespace
