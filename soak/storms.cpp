@@ -339,10 +339,14 @@ constexpr int32_t kDelete = 1000; // the message upon which the handler deletes 
 
 StormPipe *g_deleted; // the callback of a change has no argument of its own
 
+// At any other message it uses the pipe, which must be whole then.
 int32_t delete_in_handler(NOXBus *, void *data, const char *, int32_t code, const char *)
 {
+    auto *storm = static_cast<StormPipe *>(data);
     if (code == kDelete)
-        static_cast<StormPipe *>(data)->delete_pipe();
+        storm->delete_pipe();
+    else
+        nox_pipe_get_allsrc_stopped(storm->pipe());
     return 0;
 }
 
@@ -370,6 +374,8 @@ void delete_once(Dice &dice)
     linger(dice);
     if (dice.chance(25))
         storm.to(NOX_STATE_PAUSE);
+    for (uint32_t messages = dice.below(20); messages > 0; --messages)
+        nox_bus_post_error(storm.pipe()->busref, "storm", 0, nullptr);
     switch (dice.below(3)) {
     case 0:
         storm.delete_pipe();
