@@ -76,6 +76,7 @@ TEST_P(EverySchedule, AnEventLatchesOnceAndEachSendReleasesTheOldestWaiter)
             waiters.push_back(std::make_unique<TestThread>("waiter", [&, bit] { wait(bit); }));
             let_them_wait(arrived, static_cast<uint32_t>(waiters.size()));
         }
+        EXPECT_NE(OSA_EventWait(event, 5), 0) << "and leaves the others waiting";
         EXPECT_NE(OSA_EventDestroy(event), 0);
         EXPECT_TRUE(complains("a thread waits for it"));
         OSA_EventSend(event);
