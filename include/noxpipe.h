@@ -196,7 +196,8 @@ NOX_API int32_t nox_pipe_set_state_async(NOXPipe *pipe, int32_t state,
  * without touching the pipe's own state or clock. 0, also when a plugin refused, which is
  * told at level 1. With the state that the pipe has already nothing is changed, after a
  * level-1 trace: 0, even for a null plugin. -1, after a level-1 trace, for a null plugin
- * else, when the chain has no source and when it runs in a circle. Waits as nox_pipe_set_state does. */
+ * else, when the chain has no source and when it runs in a circle. Waits as nox_pipe_set_state
+ * does. */
 NOX_API int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int32_t state);
 
 /** Starts the clock, moves its reading on by the system tick, and starts every member in
