@@ -25,7 +25,7 @@ namespace
 constexpr uint32_t buffer_size = 100;
 constexpr uint32_t longest_interval_ms = 20;
 constexpr uint32_t longest_filter_ms = 60;
-constexpr uint32_t most_lent = 3; // output buffers that the sink has
+constexpr uint32_t most_lent = 2; // output buffers that the sink has
 constexpr int32_t own_event = 100;
 constexpr int32_t made_by_filter = 7; // a media type
 
@@ -99,7 +99,7 @@ private:
     Dice m_chain_dice{m_run, 1};
     NOXBufAdpt *m_adapter = nullptr;
     std::deque<NOXBuffer *> m_shown;
-    uint32_t m_most_shown = m_dice.below(most_lent + 1);
+    uint32_t m_most_shown = m_dice.below(3 * most_lent);
     Unordered<uint32_t> m_in_chain{0};
     Unordered<uint32_t> m_lent{0};
     uint8_t m_next_byte = 0;     // to be created

@@ -45,6 +45,10 @@ TEST_F(Sink, PrintsItsThroughputEveryFiveSecondsOfStreamTime)
 {
     set_option(sink, NOX_TYPE_BOOL, "verbose", 1);
     EXPECT_EQ("00000000123 : [k] 25.20 fps, 002.0 Mbps  \n", report_of(126, 5000, 10000));
+    SIM_TraceClear();
+    for (uint64_t i = 1; i <= 125; ++i)
+        render(5040 + 40 * i, 10000);
+    EXPECT_EQ(1u, SIM_TraceCount("[k] 25.00 fps, 002.0 Mbps  \n")) << "the next starts at 0";
     EXPECT_EQ("", report_of(126, 4999, 10000)) << "the period is not over";
     EXPECT_EQ("00000000123 : [k] 25.00 fps, 1000.0 Kbps  \n", report_of(125, 5000, 5000));
     EXPECT_EQ("00000000123 : [k] 00.40 fps, -397934.6 Kbps  \n", report_of(2, 5000, 0x98968000))
@@ -104,7 +108,7 @@ TEST_F(Sink, NeverSleepsForAWrappedDifferenceWhenTheClockJumps)
     set_option(sink, NOX_TYPE_BOOL, "sync", 1);
     nox_timer_start(pipe->clock);
     nox_timer_settime_absolute(pipe->clock, 1000);
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 300; ++round) {
         Worker mover([this] { // while the sink reads the clock
             for (uint64_t time : {5000u, 1u, 900'000u})
                 nox_timer_settime_absolute(pipe->clock, time);
@@ -227,6 +231,7 @@ TEST_F(Sink, EventsAreRecordedWhateverTheDerivedSinkAnswersAsItLeavesThem)
 TEST_F(Sink, CannotStartWithoutARenderFunctionAndIgnoresTheDerivedResults)
 {
     script("k").start_result = -1;
+    base->stop_func = [](NOXBaseSink *) -> int32_t { return -1; };
     EXPECT_EQ(0, nox_plugin_start(sink));
     EXPECT_EQ(0, nox_plugin_stop(sink));
     base->render_func = nullptr;

@@ -19,6 +19,7 @@ TEST_F(Pipe, HandsItsBusClockAndItselfToEachMemberAndReleasesThemAll)
     EXPECT_EQ(pipe->busref, sink->bus);
     EXPECT_EQ(pipe->clock, sink->timer);
     EXPECT_EQ(pipe, nox_plugin_get_pipeline(source));
+    EXPECT_EQ(pipe, nox_plugin_get_parent(source));
     EXPECT_EQ(1u, nox_object_get_refcount(source)) << "the caller's reference, handed over";
     EXPECT_EQ(-1, nox_pipe_add_plugin(pipe, nullptr));
     EXPECT_EQ(-1, nox_pipe_add_plugin_many(pipe, nullptr));

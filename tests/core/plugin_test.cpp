@@ -85,6 +85,8 @@ TEST_F(PluginSlots, AMissingSlotAnswersAsDocumented)
     nox_plugin_delete(filter);
     EXPECT_EQ(1u, nox_object_get_refcount(filter));
     EXPECT_EQ(nullptr, nox_plugin_get_pipeline(filter));
+    nox_plugin_set_parent(filter, source);
+    EXPECT_EQ(source, nox_plugin_get_pipeline(filter)) << "without a bus its parent";
 }
 
 TEST_F(PluginLinks, BranchesKeepTheirOrderAndTheirPositions)
@@ -119,6 +121,8 @@ TEST_F(PluginLinks, BranchesKeepTheirOrderAndTheirPositions)
     nox_plugin_reset(source);
     EXPECT_EQ(nullptr, source->next);
     EXPECT_EQ(nullptr, source->nextlist);
+    nox_plugin_reset(c);
+    EXPECT_EQ(nullptr, c->prev);
 }
 
 TEST_F(PluginLinks, LinkManyReplacesTheFirstBranchAndLeavesAHookItsOwnLink)
@@ -197,6 +201,9 @@ TEST_F(OutputBuffers, ComeFromTheFirstDownstreamPluginThatAnswers)
     give_allocator(source);
     EXPECT_EQ(source, maker_of_outbuffer(source, 0, nox_plugin_get_outbuffer_self));
     EXPECT_EQ(source, maker_of_outbuffer(source)) << "the last choice stays";
+    nox_plugin_reset(source);
+    nox_plugin_link(source, filter);
+    EXPECT_EQ(source, maker_of_outbuffer(source)) << "a new choice, and nobody offers one";
     EXPECT_EQ(-1, nox_plugin_set_allocator(sink, keep(nox_allocator_new(sink))));
 }
 
