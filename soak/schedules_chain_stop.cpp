@@ -41,6 +41,12 @@ NOXBaseSink *as_sink(NOXPlugin *plugin)
     return reinterpret_cast<NOXBaseSink *>(plugin);
 }
 
+// Of the one block that all buffers here have; one put together from blocks tells no other way.
+uint8_t *bytes_of(NOXBuffer *buffer)
+{
+    return nox_memory_get_data(nox_buffer_get_memory(buffer, 0));
+}
+
 class Story
 {
 public:
@@ -198,7 +204,7 @@ NOXBuffer *Story::create()
 {
     OSA_ThreadSleep(m_chain_dice.between(1, longest_interval_ms));
     NOXBuffer *buffer = nox_buffer_new(buffer_size);
-    auto *bytes = static_cast<uint8_t *>(nox_buffer_get_data(buffer));
+    auto *bytes = bytes_of(buffer);
     for (uint32_t i = 0; i < buffer_size; ++i)
         bytes[i] = m_next_byte++;
     nox_buffer_set_timestamp(buffer, nox_pipe_get_time(m_pipe) + m_ahead_ms);
@@ -232,7 +238,7 @@ void Story::cut_anew(NOXBuffer *buffer)
     if (available < size && available < 3 * buffer_size)
         return;
     NOXBuffer *own = nox_buffer_new(size);
-    std::memcpy(nox_buffer_get_data(own), bytes, size);
+    std::memcpy(bytes_of(own), bytes, size);
     nox_buffer_copy_metadata(oldest, own);
     ASSERT_EQ(0, nox_bufadpt_release_data(m_adapter, size));
     push_own(own, buffer);
@@ -243,7 +249,7 @@ void Story::copy(NOXBuffer *buffer)
     NOXBufferRequest request{1, 0, {buffer_size}};
     NOXBuffer *own = nox_plugin_get_outbuffer(m_filter, &request);
     ASSERT_NE(nullptr, own) << "from the heap when the sink has none";
-    std::memcpy(nox_buffer_get_data(own), nox_buffer_get_data(buffer), buffer_size);
+    std::memcpy(bytes_of(own), bytes_of(buffer), buffer_size);
     nox_buffer_copy_metadata(buffer, own);
     push_own(own, buffer);
 }
@@ -275,7 +281,7 @@ void Story::render(const char *name, NOXBuffer *buffer)
 
 void Story::check_bytes(NOXBuffer *buffer)
 {
-    const auto *bytes = static_cast<const uint8_t *>(nox_buffer_get_data(buffer));
+    const auto *bytes = bytes_of(buffer);
     for (uint32_t i = 0; i < nox_buffer_get_datasize(buffer); ++i)
         ASSERT_EQ(m_next_rendered++, bytes[i]) << "bytes got lost";
 }
