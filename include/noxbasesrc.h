@@ -68,7 +68,8 @@ typedef int32_t (*NOXBaseSrcEventFunc)(NOXBaseSrc *source, NOXEvent *event);
  * stop and a pause wait for it in turn: return, with null, soon after the field `started`
  * of the plugin is cleared. A buffer that has been released, which one returned twice
  * without a further reference is sooner or later, counts as none where it can be told,
- * with a level-1 trace. On the source thread. */
+ * with a level-1 trace; of a source that is not live that ends the stream. On the source
+ * thread. */
 typedef NOXBuffer *(*NOXBaseSrcCreateFunc)(NOXBaseSrc *source);
 
 /** Told after each buffer that was pushed with success, but for the one that reaches

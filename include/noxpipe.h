@@ -141,8 +141,8 @@ NOX_API int32_t nox_pipe_del_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 /** Removes the chain that `plugin` is part of, from its source along branch 0, member or
  * not, and releases all of it but the last plugin, which passes to the caller. Further
  * branches stay members; they and the last plugin lose their upstream pointer. 0. Not
- * while the chain runs. -1, nothing changed and after a level-1 trace, for null and when
- * the chain has no source. */
+ * while the chain runs. -1, nothing changed and after a level-1 trace, for null, when the
+ * chain has no source and when it runs in a circle. */
 NOX_API int32_t nox_pipe_del_linked_plugin(NOXPipe *pipe, NOXPlugin *plugin);
 
 /** Replaces the option bits by `bits` (NOX_PIPE_OPT_, or 0 for none), not beside a change
@@ -196,14 +196,15 @@ NOX_API int32_t nox_pipe_set_state_async(NOXPipe *pipe, int32_t state,
  * without touching the pipe's own state or clock. 0, also when a plugin refused, which is
  * told at level 1. With the state that the pipe has already nothing is changed, after a
  * level-1 trace: 0, even for a null plugin. -1, after a level-1 trace, for a null plugin
- * else, when the chain has no source and when it runs in a circle. Waits as nox_pipe_set_state
- * does. */
+ * else, when the chain has no source and when its links run in a circle: then nothing is
+ * changed, but for NULL the source. Waits as nox_pipe_set_state does. */
 NOX_API int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int32_t state);
 
 /** Starts the clock, moves its reading on by the system tick, and starts every member in
  * order, without a change of state. The first negative result ends it and is returned,
  * those before staying started; else the last member's result, 0 without members. When
- * that is 0 the pipe counts as started. */
+ * that is 0 the pipe counts as started. -1, nothing started and after a level-1 trace,
+ * when links run in a circle. */
 NOX_API int32_t nox_pipe_start(NOXPipe *pipe);
 
 /** Stops every member, in order and whatever they answer, without a change of state; the
@@ -213,7 +214,8 @@ NOX_API int32_t nox_pipe_stop(NOXPipe *pipe);
 /** Delivers an event to the sinks, from each up to below its source, then to the sources,
  * on the calling thread, whatever their states. A plugin gets it once for each sink below
  * it, one on no way up from a sink not at all. 0; -1, after a level-1 trace, at the first
- * plugin that refuses it: the rest is not told. The event stays the caller's. */
+ * plugin that refuses it, and at the first sink above which the links run in a circle: the
+ * rest is not told. The event stays the caller's. */
 NOX_API int32_t nox_pipe_set_event(NOXPipe *pipe, NOXEvent *event);
 
 /** Delivers NOX_EVENT_RESET as nox_pipe_set_event does, then stops the clock, unless it

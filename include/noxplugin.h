@@ -140,6 +140,7 @@ struct NOXPlugin {
     uint8_t hasthread_;         /**< internal: a source's thread has not been joined */
     uint8_t onroad_;            /**< internal: on the road of a search for circles */
     uint8_t stopping_;          /**< internal: 1 during nox_plugin_stop */
+    uint8_t tostop_;            /**< internal: `started` was taken back, its stop is due */
     void *reserved;             /**< the plugin's own; the library does not touch it */
     NOXPluginSetStateFunc setstate_func;         /**< told before a new state is stored */
     NOXPluginLinkFunc link_func;                 /**< told of each new link downstream */
@@ -253,8 +254,8 @@ NOX_API int32_t nox_plugin_error_post(NOXPlugin *plugin, int32_t code, const cha
  * replacing what that was. No references are taken. The link is made whatever link_func
  * answers; its answer is the result, 0 without one. -1, after a level-1 trace and with
  * nothing linked, when either is null and when memory runs out. No branch can be unlinked
- * by itself: see nox_pipe_del_plugin. Circles are not looked for here: a pipe does not
- * start what runs in one, since a push there would never return. */
+ * by itself: see nox_pipe_del_plugin. Circles are not looked for here: a pipe refuses to
+ * change or start what runs in one, since a push there would never return. */
 NOX_API int32_t nox_plugin_link(NOXPlugin *plugin, NOXPlugin *next);
 
 /** Replaces the branch that leads to `old_next` by one to `new_next`, in place, after

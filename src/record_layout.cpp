@@ -139,6 +139,7 @@ NOX_FIELD(NOXPlugin, busy, 162);
 NOX_FIELD(NOXPlugin, hasthread_, 163);
 NOX_FIELD(NOXPlugin, onroad_, 164);
 NOX_FIELD(NOXPlugin, stopping_, 165);
+NOX_FIELD(NOXPlugin, tostop_, 166);
 NOX_FIELD(NOXPlugin, reserved, 168);
 NOX_FIELD(NOXPlugin, setstate_func, 176);
 NOX_FIELD(NOXPlugin, link_func, 184);

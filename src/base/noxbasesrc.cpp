@@ -87,6 +87,13 @@ bool join_thread(NOXBaseSrc *source, const char *function = __builtin_FUNCTION()
     return true;
 }
 
+// The derived source has been started all the same, and its stop is still due.
+void take_started_back(NOXPlugin &plugin)
+{
+    plugin.tostop_ = nox::load_relaxed(plugin.started) | plugin.tostop_;
+    nox::store_ordered(plugin.started, uint8_t{0});
+}
+
 // A live source that cannot be paused must not run.
 int32_t make_pause_event(NOXBaseSrc *source)
 {
@@ -95,7 +102,7 @@ int32_t make_pause_event(NOXBaseSrc *source)
     if (source->pauseevent == nullptr) {
         NOX_TRACE_OBJECT_FOR("nox_basesrc_start", source, OSA_TRACE_ERROR,
                              "pause event create failed\n");
-        nox::store_ordered(source->plugin.started, uint8_t{0});
+        take_started_back(source->plugin);
         join_thread(source, "nox_basesrc_start");
         return -1;
     }
@@ -141,7 +148,7 @@ bool must_be_asked_to_park(const NOXBaseSrc *source)
 void pause(NOXBaseSrc *source)
 {
     if (!pipe_is_started(source)) {
-        nox::store_ordered(source->plugin.started, uint8_t{0});
+        take_started_back(source->plugin);
         return;
     }
     if (!must_be_asked_to_park(source))

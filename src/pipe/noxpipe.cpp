@@ -100,12 +100,10 @@ bool end_sources(NOXPipe *pipe)
     return all_ended;
 }
 
-// Whether it was started and not stopped since. A pause before the pipe has started takes
-// `started` back; a live source still has its pause event then, which goes with the stop.
+// Whether it was started and not stopped since.
 bool is_to_be_stopped(const NOXPlugin *member)
 {
-    return nox::load_relaxed(member->started) ||
-           (member->issrc && reinterpret_cast<const NOXBaseSrc *>(member)->pauseevent != nullptr);
+    return nox::load_relaxed(member->started) || member->tostop_;
 }
 
 // Of a pipe that was not brought to NULL, what is left: first what pushes.

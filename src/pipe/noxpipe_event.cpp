@@ -16,21 +16,25 @@ bool deliver(NOXPlugin *plugin, NOXEvent *event)
     return false;
 }
 
-// The sink and what lies above it, up to its source, which is not told here.
-bool deliver_upward(NOXPlugin *sink, NOXEvent *event)
+bool check_has_head(const NOXPlugin *sink)
 {
-    if (!deliver(sink, event))
-        return false;
     nox::CircleWatch circle;
-    for (NOXPlugin *plugin = sink->prev; plugin != nullptr && !plugin->issrc;
-         plugin = plugin->prev) {
+    for (const NOXPlugin *plugin = sink; plugin != nullptr && !plugin->issrc; plugin = plugin->prev)
         if (circle.is_closed_by(plugin)) {
             nox::trace_circle(plugin, "nox_pipe_set_event");
             return false;
         }
+    return true;
+}
+
+// The sink and what lies above it, up to its source, which is not told here.
+bool deliver_upward(NOXPlugin *sink, NOXEvent *event)
+{
+    if (!check_has_head(sink) || !deliver(sink, event))
+        return false;
+    for (NOXPlugin *plugin = sink->prev; plugin != nullptr && !plugin->issrc; plugin = plugin->prev)
         if (!deliver(plugin, event))
             return false;
-    }
     return true;
 }
 

@@ -26,6 +26,10 @@ namespace nox
 // count the time until its first start as a pause that lies before that start.
 void stop_clock(NOXPipe *pipe);
 
+// Whether a source's links run in a circle, where no walk and no buffer would come to an
+// end; told under the name of the operation that asks.
+bool has_circle(const NOXPipe *pipe, const char *function);
+
 // The control thread with its queue. Start leaves nothing behind when it fails. After
 // end_requests one more request is carried out at most. Stop returns when the thread
 // has ended and everything queued is released.

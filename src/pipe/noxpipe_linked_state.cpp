@@ -66,14 +66,19 @@ int32_t nox_pipe_linked_plugins_set_state(NOXPipe *pipe, NOXPlugin *plugin, int3
                   nox::name_of(plugin));
         return -1;
     }
-    if (nox::runs_in_circle(source))
+    if (nox::runs_in_circle(source)) {
+        if (state == NOX_STATE_NULL) // what runs must be stopped
+            set_chain_member(source, state);
         return -1;
+    }
     pipe_iterate_linked_plugin_set_state(source, state);
     return 0;
 }
 
 int32_t nox_pipe_start(NOXPipe *pipe)
 {
+    if (nox::has_circle(pipe, "nox_pipe_start"))
+        return -1;
     start_clock(pipe->clock);
     int32_t result = 0;
     for (NOXPlugin *member : members(pipe)) {

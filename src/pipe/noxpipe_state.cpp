@@ -85,14 +85,6 @@ int32_t walk_from(NOXPlugin *source, int32_t state, BranchStack &stack)
     return result;
 }
 
-bool has_circle(const NOXPipe *pipe)
-{
-    for (NOXPlugin *member : members(pipe))
-        if (member->issrc && nox::runs_in_circle(member, "pipe_iterate_set_state"))
-            return true;
-    return false;
-}
-
 bool change_sources(NOXPipe *pipe, int32_t state)
 {
     const int32_t result = pipe_src_set_state(pipe, state);
@@ -181,6 +173,14 @@ void stop_clock(NOXPipe *pipe)
         nox_timer_stop(pipe->clock);
 }
 
+bool has_circle(const NOXPipe *pipe, const char *function)
+{
+    for (NOXPlugin *member : members(pipe))
+        if (member->issrc && runs_in_circle(member, function))
+            return true;
+    return false;
+}
+
 } // namespace nox
 
 int32_t pipe_src_set_state(NOXPipe *pipe, int32_t state)
@@ -208,7 +208,7 @@ int32_t pipe_iterate_set_state(NOXPipe *pipe, int32_t state)
     if (goes_backwards(pipe, state))
         return set_non_sources_backwards(pipe);
     // Round in a circle no buffer must go, and no walk. But what runs must be stopped.
-    if (has_circle(pipe))
+    if (nox::has_circle(pipe, "pipe_iterate_set_state"))
         return state == NOX_STATE_NULL ? set_non_sources_backwards(pipe) : -1;
     BranchStack stack;
     int32_t result = 0;

@@ -50,24 +50,40 @@ int32_t add_branch(NOXPlugin *plugin, NOXPlugin *next)
     return 0;
 }
 
+// Those that a walk takes: without a first branch it does not look for further ones.
+NOXPlugin *find_circle_in_branches(NOXPlugin *plugin)
+{
+    NOXPlugin *found = nullptr;
+    OSA_ListNode *node = plugin->next != nullptr ? nox::head_of(plugin->nextlist) : nullptr;
+    for (; node != nullptr && found == nullptr; node = node->next)
+        if (node->data != nullptr)
+            found = nox::find_circle(static_cast<NOXPlugin *>(node->data));
+    return found;
+}
+
 } // namespace
 
 namespace nox
 {
 
-// The mark is taken away on the way back, so that branches that meet again further down
-// are no circle.
+// Along a chain in a loop, and into its branches by a call: a chain may be long, and this runs
+// on threads with small stacks. A mark stands while its plugin is on the way to the one
+// looked at, so that branches that meet again further down are no circle.
 NOXPlugin *find_circle(NOXPlugin *plugin)
 {
-    if (plugin->onroad_)
-        return plugin;
-    plugin->onroad_ = 1;
-    NOXPlugin *found = plugin->next != nullptr ? find_circle(plugin->next) : nullptr;
-    OSA_ListNode *node = head_of(plugin->nextlist);
-    for (; node != nullptr && found == nullptr; node = node->next)
-        if (node->data != nullptr)
-            found = find_circle(static_cast<NOXPlugin *>(node->data));
-    plugin->onroad_ = 0;
+    NOXPlugin *found = nullptr;
+    uint32_t marked = 0;
+    for (NOXPlugin *at = plugin; at != nullptr && found == nullptr; at = at->next) {
+        if (at->onroad_) {
+            found = at;
+            break;
+        }
+        at->onroad_ = 1;
+        ++marked;
+        found = find_circle_in_branches(at);
+    }
+    for (NOXPlugin *at = plugin; marked > 0; at = at->next, --marked)
+        at->onroad_ = 0;
     return found;
 }
 
