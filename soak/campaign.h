@@ -36,7 +36,10 @@ using Campaigns = std::vector<Campaign>;
 
 // The body of a program's main: runs the campaigns that the command line asks for, prints a line
 // "RESULT<TAB>name<TAB>size<TAB>findings<TAB>seconds" for each, and returns non-zero for a finding.
-int main_of(int argc, char **argv, const std::vector<Campaigns> &groups);
+// With one processor for each child, where runs do one thing at a time, no two children meet on
+// one while another is idle.
+int main_of(int argc, char **argv, const std::vector<Campaigns> &groups,
+            bool one_processor_each = false);
 
 // Not a rule but a number that mixes well: the same bits for the same run and place.
 uint64_t bits_of(uint64_t run, uint64_t place = 0);

@@ -13,5 +13,6 @@ int main(int argc, char **argv)
                              soak::misbehaviour_campaigns(),
                              soak::sources_campaigns(),
                              soak::states_campaigns(),
-                         });
+                         },
+                         true);
 }

@@ -109,6 +109,8 @@ OSA_Thread *OSA_ThreadCreate(const char *name, int32_t, uint32_t stack_size, OSA
     thread->entry = entry;
     thread->argument = argument;
     sim::order_release(thread);
+    if (!layer->processor)
+        layer->processor.emplace();
     if (!start(*thread, stack_size)) {
         layer->handles.bury(thread);
         return nullptr;

@@ -56,7 +56,7 @@ struct World {
     std::vector<std::string> misuses;
     std::map<std::string, std::string> files;
     std::map<std::string, std::map<std::string, void *>> libraries; /* symbols by path */
-    std::optional<OneProcessor> processor{std::in_place};           /* while the run is open */
+    std::optional<OneProcessor> processor; /* from the second thread to the end of the run */
     bool is_open = true;
 };
 
