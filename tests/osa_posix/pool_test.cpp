@@ -241,4 +241,34 @@ TEST_F(Pools, MemoryStaysFlatOverManyStartsAndStops)
     EXPECT_LT(bytes_in_use(), before + 10000);
 }
 
+TEST_F(Pools, OfTooManySizesAreRefusedAndTold)
+{
+    std::set<uint32_t> registered;
+    uint32_t size = 2000;
+    for (; complaints().empty(); size += 16, registered.insert(size))
+        OSA_SMalloc_Register(size, "one of many");
+    EXPECT_GT(registered.size(), 30u);
+    EXPECT_FALSE(OSA_SMemIsReg(size - 16));
+    OSA_SFree(&size, 40'000); // a block of no pool
+    EXPECT_NE(std::string::npos, complaints().find("there is no pool of 40000-byte blocks"));
+}
+
+using Layers = Layer;
+
+TEST_F(Layers, RefuseNothingAndTellWhatTheEnvironmentAnswers)
+{
+    OSA_AliveGet(nullptr);
+    EXPECT_FALSE(OSA_AliveIsNothing(nullptr));
+    OSA_Alive one{};
+    one.mutexes = 1;
+    EXPECT_FALSE(OSA_AliveIsNothing(&one));
+    OSA_Traces(nullptr);
+    char text[4];
+    EXPECT_EQ(-1, OSA_snprintf(text, sizeof(text), nullptr));
+    EXPECT_EQ(0, OSA_SystemInit(nullptr)) << "a second time is harmless";
+    OSA_SystemUnInit([]() -> int32_t { return 7; });
+    EXPECT_EQ("2 unloading the environment failed: 7\n", traced());
+    OSA_SystemInit(nullptr);
+}
+
 } // namespace
