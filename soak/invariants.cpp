@@ -443,7 +443,8 @@ void Watch::remove()
     if (pipe == nullptr)
         return;
     for (Actor &actor : actors)
-        if (actor.open || is_running(actor)) // a device may be closed for a restart
+        // A device may be closed for a restart, and a start taken back by a pause.
+        if (actor.open || is_running(actor) || actor.plugin->tostop_)
             ++actor.due_stops;
     nox_object_delete(pipe);
     pipe = nullptr;
