@@ -76,7 +76,7 @@ TEST_F(Sink, MarksRatesHalfAboveTheirTargets)
     EXPECT_EQ(45, rate);
     EXPECT_EQ(std::string::npos, report_of(225, 5011, 0).find(high)) << "44.9";
     EXPECT_EQ(45, rate) << "rounded";
-    set_option(sink, NOX_TYPE_INT32, "targetfps", 0x7FFFFFFF);
+    set_option(sink, NOX_TYPE_INT32, "targetfps", 0x40000000);
     EXPECT_EQ(std::string::npos, report_of(225, 5000, 0).find(high)) << "no overflow";
     set_option(sink, NOX_TYPE_INT32, "targetbps", 8000);
     EXPECT_NE(std::string::npos, report_of(225, 5000, 40).find("(HIGH BITRATE)"));
