@@ -19,6 +19,11 @@ bool is_running(const Actor &actor)
     return std::atomic_ref(actor.plugin->started) != 0;
 }
 
+bool is_to_be_stopped(const Actor &actor)
+{
+    return std::atomic_ref(actor.plugin->tostop_) != 0;
+}
+
 int32_t state_of(const Actor &actor)
 {
     return nox_plugin_get_state(actor.plugin);
@@ -444,7 +449,7 @@ void Watch::remove()
         return;
     for (Actor &actor : actors)
         // A device may be closed for a restart, and a start taken back by a pause.
-        if (actor.open || is_running(actor) || actor.plugin->tostop_)
+        if (actor.open || is_running(actor) || is_to_be_stopped(actor))
             ++actor.due_stops;
     nox_object_delete(pipe);
     pipe = nullptr;

@@ -90,7 +90,8 @@ bool join_thread(NOXBaseSrc *source, const char *function = __builtin_FUNCTION()
 // The derived source has been started all the same, and its stop is still due.
 void take_started_back(NOXPlugin &plugin)
 {
-    plugin.tostop_ = nox::load_relaxed(plugin.started) | plugin.tostop_;
+    if (nox::load_relaxed(plugin.started))
+        nox::store_relaxed(plugin.tostop_, uint8_t{1});
     nox::store_ordered(plugin.started, uint8_t{0});
 }
 

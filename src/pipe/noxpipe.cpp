@@ -103,7 +103,7 @@ bool end_sources(NOXPipe *pipe)
 // Whether it was started and not stopped since.
 bool is_to_be_stopped(const NOXPlugin *member)
 {
-    return nox::load_relaxed(member->started) || member->tostop_;
+    return nox::load_relaxed(member->started) || nox::load_relaxed(member->tostop_);
 }
 
 // Of a pipe that was not brought to NULL, what is left: first what pushes.

@@ -102,7 +102,7 @@ int32_t nox_plugin_stop(NOXPlugin *plugin)
     if (!check_plugin(plugin))
         return -1;
     nox::store_ordered(plugin->started, uint8_t{0});
-    plugin->tostop_ = 0;
+    nox::store_relaxed(plugin->tostop_, uint8_t{0});
     const Stopping stopping(plugin);
     wait_while_busy(plugin);
     if (plugin->stop_func != nullptr)
