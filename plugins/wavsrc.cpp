@@ -130,6 +130,9 @@ int32_t open_recording(void *plugin, const char *location, Recording &recording)
     if (!lock_for_reading(descriptor))
         return report(plugin, PLUGIN_MSG_READ, "cannot read %s: it is being written", location);
 
+    if (!is_quickly_read(descriptor))
+        return report(plugin, PLUGIN_MSG_FORMAT,
+                      "cannot read %s: too many chunks, or a list that is too long", location);
     SF_INFO info{};
     recording.file.reset(sf_open_fd(descriptor, SFM_READ, &info, SF_FALSE));
     if (recording.file == nullptr)

@@ -37,7 +37,8 @@ struct LongSizes {
 
 constexpr uint64_t kRiffHeaderSize = sizeof(ChunkHeader) + 4; // with "WAVE"
 constexpr uint32_t kAllOnes = 0xFFFFFFFF;
-constexpr uint32_t kMostChunks = 1000; // before the samples; recorders write a few
+constexpr uint32_t kLongestList = 4 * 1024 * 1024; // bytes; titles and marks
+constexpr uint32_t kMostChunks = 1000;             // before the samples; recorders write a few
 
 // A recorder that cannot seek writes the largest size it dares: the end of the signed
 // or of the unsigned range, or that less some room for headers.
@@ -77,7 +78,42 @@ SampleBytes compare(uint64_t promised, uint64_t begin, uint64_t riff_size, uint6
     return {promised <= there || is_left_open(promised) ? 0 : promised - there, 0};
 }
 
+// Of a chunk at that position, where the next one begins.
+uint64_t end_of(uint64_t position, const ChunkHeader &chunk, const LongSizes &sizes)
+{
+    const bool has_long_size = chunk.is("data") && chunk.size == kAllOnes;
+    const uint64_t size = has_long_size ? sizes.data : chunk.size;
+    const uint64_t begin = position + sizeof chunk;
+    return size > UINT64_MAX - 1 - begin ? UINT64_MAX : begin + size + (size & 1);
+}
+
 } // namespace
+
+bool is_quickly_read(int descriptor)
+{
+    struct stat status;
+    ChunkHeader chunk;
+    if (fstat(descriptor, &status) != 0 || !read_at(descriptor, 0, chunk))
+        return true;
+    const bool is_big_endian = chunk.is("RIFX");
+    if (!chunk.is("RIFF") && !chunk.is("RF64") && !is_big_endian)
+        return true;
+    const auto file_size = static_cast<uint64_t>(status.st_size);
+    LongSizes sizes{kAllOnes, kAllOnes};
+    uint64_t position = kRiffHeaderSize;
+    for (uint32_t count = 0; count < kMostChunks; ++count) {
+        if (!read_header(descriptor, position, is_big_endian, chunk) || chunk.is("\0\0\0"))
+            return true;
+        if (chunk.is("LIST") && chunk.size > kLongestList)
+            return false;
+        if (chunk.is("ds64") && !read_at(descriptor, position + sizeof chunk, sizes))
+            return true;
+        position = end_of(position, chunk, sizes);
+        if (position > file_size)
+            return true;
+    }
+    return false;
+}
 
 SampleBytes compare_with_header(int descriptor)
 {

@@ -18,6 +18,10 @@ struct SampleBytes {
 // Looks at the file behind `descriptor`, whose offset stays as it is.
 SampleBytes compare_with_header(int descriptor);
 
+// False for a file in whose chunks libsndfile would read for minutes: it goes through a list in
+// steps of a few bytes, and a list in a hole may be gigabytes long.
+bool is_quickly_read(int descriptor);
+
 } // namespace noxplugins
 
 #endif
