@@ -85,8 +85,6 @@ uintptr_t live_mark(const Header *header)
 // Under the mutex: a kept block of exactly that size, the warmest one.
 Header *take_kept(uint32_t size)
 {
-    if (size < kLargeBlock)
-        return nullptr;
     Header *header = g_kept.newest;
     while (header != nullptr && header->size != size)
         header = header->prev;
