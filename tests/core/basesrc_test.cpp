@@ -303,37 +303,6 @@ TEST_F(Source, ALonelyRestartWaitsForFourSecondsAndGoesOn)
     EXPECT_EQ(1u, SIM_TraceCount("other source has no problem, keep going..\n", 1));
 }
 
-TEST_F(Source, AGroupStopsTogetherAndStartsTogether)
-{
-    NOXPlugin *other = member(new_source("o"));
-    nox_plugin_link(other, member(new_sink("k2")));
-    NOXPluginGroup *group = nox_plugin_group_new();
-    nox_plugin_group_add(group, source);
-    nox_plugin_group_add(group, other);
-    policy(NOX_ERRHANDLE_RESTART, 0);
-    set_option(other, NOX_TYPE_UINT32, "errhandle", NOX_ERRHANDLE_RESTART);
-    // A device takes a while to start; meanwhile its source still attends, and the
-    // others, which look every 100 ms, see that all do.
-    script("s").start_ms = script("o").start_ms = 150;
-    create_by("bbbb-bbbbbbbbbbbb");
-    std::atomic<uint32_t> asked{0};
-    script("o").create = [&asked](NOXBaseSrc *other_base) -> NOXBuffer * {
-        OSA_ThreadSleep(20);
-        if (std::atomic_ref(other_base->restartreq).exchange(0) == 0)
-            return nox_buffer_new(1);
-        ++asked;
-        return nullptr; // fails as well, so that the whole group restarts
-    };
-    to(NOX_STATE_PLAY);
-    EXPECT_TRUE(wait_until([] { return script("s").created > 8; }, 3000));
-    EXPECT_EQ(1u, asked);
-    EXPECT_EQ(2u, script("s").started);
-    EXPECT_EQ(2u, script("o").started);
-    EXPECT_EQ(0u, SIM_TraceCount("other source has no problem"));
-    to(NOX_STATE_NULL);
-    nox_plugin_group_delete(group);
-}
-
 TEST_F(Source, AFailingEventIsAnEndOfStreamOnlyWhenNotLive)
 {
     script("s").event_result = 3;

@@ -48,25 +48,6 @@ struct Line {
 
 using Bus = OnStage;
 
-TEST(BusThreads, KeepTheOrderOfEachPoster)
-{
-    under_seeds(50, [] {
-        Line line;
-        line.listen();
-        const auto post_twenty = [&line](const char *name) {
-            for (int32_t code = 0; code < 20; ++code)
-                EXPECT_EQ(0, line.post(name, code));
-        };
-        {
-            Worker one([&] { post_twenty("one"); }), two([&] { post_twenty("two"); });
-        }
-        int32_t next_one = 0, next_two = 0;
-        for (const Posted &message : line.close())
-            EXPECT_EQ((message.name == "one" ? next_one : next_two)++, message.code);
-        EXPECT_EQ(40, next_one + next_two);
-    });
-}
-
 TEST_F(Bus, PassesOnCopiesOfWhatWasPostedNullsIncluded)
 {
     Line line;
@@ -165,22 +146,6 @@ TEST_F(Bus, EndsWithoutMemoryForItsExitMessage)
         EXPECT_EQ(failed + 1, SIM_FailedCount());
         EXPECT_LE(SIM_Tick() - begin, 1000u);
     }
-}
-
-TEST(BusFaults, PostThatFailsIsSaidAndLosesNoOther)
-{
-    sweep_faults([] {
-        Line line;
-        if (line.bus == nullptr)
-            return;
-        line.listen();
-        size_t posted = 0;
-        for (int32_t code : {1, 2})
-            posted += line.post("name", code, "text") == 0 ? 1 : 0;
-        EXPECT_EQ(2 - posted, SIM_FailedCount());
-        EXPECT_EQ(2 - posted, SIM_TraceCount("message lost. name(name)code(", 1));
-        EXPECT_EQ(posted, line.close().size());
-    });
 }
 
 } // namespace

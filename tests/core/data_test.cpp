@@ -129,17 +129,6 @@ TEST_F(Buffer, DuplicateCopiesBytesAndSixFieldsAndSkipsHoles)
     EXPECT_TRUE(!copy->finalize_func && !copy->syncfunc && !copy->data);
 }
 
-TEST(BufferFaults, DuplicateThatFailsKeepsNothing)
-{
-    sweep_faults([] {
-        NOXBuffer *source = nox_buffer_new(100);
-        NOXBuffer *copy = source != nullptr ? nox_buffer_dup(source) : nullptr;
-        EXPECT_EQ(SIM_FailedCount() == 0, copy != nullptr);
-        nox_object_delete(copy);
-        nox_object_delete(source);
-    });
-}
-
 TEST_F(Buffer, HooksOfTheProducerRunOnceAndBeforeThoseOfTheBlocks)
 {
     log_enabled = true;

@@ -67,20 +67,6 @@ TEST(Delete, OfAPipeInAnyStateEndsItsSourcesFirstAndNamesThem)
     });
 }
 
-TEST(Delete, OfAPipeWhoseSourcesHaveEndedByThemselvesJoinsThem)
-{
-    under_seeds(kSeeds, [] {
-        Graph graph;
-        script("s").buffers = 1; // and quits after that
-        script("idle").buffers = 1;
-        nox_pipe_set_state(graph.pipe, NOX_STATE_PLAY);
-        OSA_ThreadSleep(200);
-        nox_object_delete(graph.pipe);
-        EXPECT_EQ(1u, told_of("s"));
-        EXPECT_EQ(1u, script("k1").stopped);
-    });
-}
-
 TEST(Delete, OfAPipeInNullTellsAndStopsNothing)
 {
     under_seeds(kSeeds, [] {
@@ -109,31 +95,6 @@ TEST(Delete, OfASourceAloneEndsItsThreadBeforeItsLinksGo)
         OSA_ThreadSleep(100);
         EXPECT_EQ(taken, script("k1").taken);
         nox_object_delete(graph.pipe);
-    });
-}
-
-NOXPipe *g_pipe = nullptr;
-std::atomic<bool> g_deleted{false}; // outlives the pipe
-
-int32_t delete_on_message(NOXBus *, void *, const char *, int32_t, const char *)
-{
-    nox_object_delete(g_pipe);
-    g_deleted = true;
-    return 0;
-}
-
-TEST(Delete, InsideAHandlerSurvivesEveryFault)
-{
-    sweep_faults([] {
-        NOXPipe *pipe = nox_pipe_new("player");
-        if (pipe == nullptr)
-            return;
-        g_pipe = pipe;
-        g_deleted = false;
-        nox_pipe_set_bus_handler(pipe, delete_on_message, nullptr);
-        if (nox_bus_post_error(pipe->busref, "test", 1, nullptr) != 0)
-            return nox_object_delete(pipe);
-        EXPECT_TRUE(wait_until([] { return g_deleted.load(); }));
     });
 }
 

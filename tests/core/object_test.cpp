@@ -133,13 +133,16 @@ TEST(ObjectCreation, FaultInAnyStepIsTracedAndKeepsNothing)
     };
     for (const Case &test : cases) {
         bool last_step_failed = false;
-        sweep_faults([&] {
+        for (uint64_t n = 1, failed = 1; failed != 0; ++n) { // each step, then none
+            Stage stage;
+            SIM_FailNth(SIM_FallibleCount() + n);
             void *object = test.create();
-            EXPECT_EQ(SIM_FailedCount() == 0, object != nullptr) << test.trace;
-            EXPECT_EQ(SIM_FailedCount() == 0, SIM_TraceCount("", 1) == 0) << test.trace;
+            failed = SIM_FailedCount();
+            EXPECT_EQ(failed == 0, object != nullptr) << test.trace;
+            EXPECT_EQ(failed == 0, SIM_TraceCount("", 1) == 0) << test.trace;
             last_step_failed |= SIM_TraceCount(test.trace, 1) == 1;
             nox_object_delete(object);
-        });
+        }
         EXPECT_TRUE(last_step_failed) << test.trace;
     }
 }

@@ -1,5 +1,5 @@
 // What the tests of single modules share: a stage, with a pipe or without, runs under
-// many seeds and with every fault, and exact trace lines.
+// many seeds, and exact trace lines.
 #ifndef TESTS_CORE_ON_STAGE_H
 #define TESTS_CORE_ON_STAGE_H
 
@@ -78,21 +78,6 @@ void under_seeds(uint64_t seeds, Story story, SIM_Options options = {})
         SCOPED_TRACE("seed " + std::to_string(options.seed));
         Stage stage(options);
         story();
-    }
-}
-
-// Runs the scenario once for each fallible call it makes, that call failing, and
-// at last without a fault; each time in a run of its own that must end clean.
-template <typename Scenario>
-void sweep_faults(Scenario scenario, bool initialise = true)
-{
-    for (uint64_t n = 1, failed = 1; failed != 0; ++n) {
-        Stage stage({}, initialise);
-        const uint64_t fault = SIM_FallibleCount() + n;
-        SIM_FailNth(fault);
-        scenario();
-        failed = SIM_FailedCount();
-        EXPECT_EQ("", stage.end()) << SIM_FallibleText(fault);
     }
 }
 

@@ -128,23 +128,6 @@ TEST(Pause, AParkedSourceCanBeStoppedDirectly)
     }
 }
 
-TEST(Pause, OfASourceThatDiesAtAnyPointReturns)
-{
-    under_all_seeds(true, [](Player &player) {
-        const uint32_t lifetime = static_cast<uint32_t>(SIM_Seed() % 7);
-        script("s").buffers = lifetime; // then the policy is to quit
-        player.to(NOX_STATE_PLAY);
-        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 11));
-        for (int round = 0; round < 3; ++round) {
-            player.to(NOX_STATE_PAUSE);
-            player.to(NOX_STATE_PLAY);
-        }
-        OSA_ThreadSleep(100);
-        player.to(NOX_STATE_PAUSE);
-        EXPECT_LE(script("k").taken, lifetime);
-    });
-}
-
 TEST(Pause, OfASourceThatProducesInAContextOfItsOwnReturns)
 {
     Stage stage;
@@ -181,26 +164,6 @@ TEST(Pause, MeasuresNoIntervalAcrossIt)
     player.to(NOX_STATE_PLAY);
     EXPECT_GT(player.arriving(), 0u);
     EXPECT_EQ(0u, SIM_TraceCount("Reversed timestamp"));
-}
-
-TEST(Pause, HoldsThroughAnyWalkThroughTheStates)
-{
-    for (bool live : {true, false}) {
-        under_all_seeds(live, [](Player &player) {
-            uint64_t random = SIM_Seed();
-            for (int step = 0; step < 12; ++step) {
-                random = random * 6364136223846793005u + 1442695040888963407u;
-                const int32_t state = static_cast<int32_t>((random >> 33) % 4);
-                // From PAUSE nothing is started, so that only what ran before runs on.
-                player.to(state);
-                if (random & 0x40000)
-                    OSA_ThreadSleep(7);
-                if (state == NOX_STATE_PAUSE && script("s").live) {
-                    EXPECT_EQ(0u, player.arriving()) << "step " << step;
-                }
-            }
-        });
-    }
 }
 
 TEST(Pause, BeforeThePipeHasStartedEndsTheThread)

@@ -105,17 +105,6 @@ TEST_F(Push, APrepareAsksTheNextPluginOnly)
     EXPECT_EQ(8, nox_plugin_push_prepare(source, buffer));
 }
 
-TEST_F(Push, IntoNothingOrIntoAPluginWithoutChainIsTold)
-{
-    EXPECT_EQ(-1, nox_plugin_push_buffer(sinks[0], buffer));
-    EXPECT_EQ(-1, nox_plugin_push_prepare(sinks[0], nullptr));
-    EXPECT_EQ(2u, SIM_TraceCount("Not linked plg(", 1));
-    sinks[1]->chain_func = nullptr;
-    EXPECT_EQ(-1, nox_plugin_push_buffer(tee, buffer));
-    EXPECT_EQ((Counts{1, 0, 0}), taken());
-    EXPECT_EQ(1u, SIM_TraceCount("k1) has no chain function", 1));
-}
-
 TEST_F(Push, EventsGoDepthFirstAndEndAtTheFirstFailure)
 {
     log_enabled = true;

@@ -193,6 +193,7 @@ TEST_F(Refusals, AValueThatDoesNotFit)
         {"invalid memory index(3)", [&] { return nox_buffer_delete_memory_idx(buffer, 3) == -1; }},
         {"invalid memory (", [&] { return nox_buffer_delete_memory_mem(buffer, stranger) == -1; }},
         {"Invalid buffer(0)", [&] { return nox_bufadpt_add(adapter, nullptr) == -1; }},
+        {"staging areas", [] { return !nox_bufadpt_new("huge", 0x80000000u); }}, // twice that
         {"no room for (100) bytes", [&] { return nox_bufadpt_add(adapter, large) == -1; }},
         {"invalid mutex handle", [&] { return nox_object_lock(unlockable) == -1; }},
         {"request for 4 blocks", [&] { return !nox_plugin_get_outbuffer(source, &too_many); }},

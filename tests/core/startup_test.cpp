@@ -108,19 +108,6 @@ TEST_F(Startup, PoolsAndRegistryLastFromInitToDeinit)
     EXPECT_EQ("(none)", path_of("probesrc"));
 }
 
-TEST(StartupFaults, InitThatFailsLeavesNothingAndCanBeRepeated)
-{
-    const auto scenario = [] {
-        if (nox_init(Stage::kCachePath) != 0) {
-            EXPECT_EQ(1u, SIM_TraceCount(" failed", 1));
-            EXPECT_EQ("(none)", path_of("probesrc"));
-            EXPECT_EQ(0, nox_init(Stage::kCachePath));
-        }
-        EXPECT_EQ("sink.so", path_of("probesink"));
-    };
-    sweep_faults(scenario, false);
-}
-
 NOXPluginDesc g_desc;
 
 // The library "own.so", known as "key", described by `desc`.
@@ -159,13 +146,6 @@ TEST(PluginLoadFailure, IsExplainedAndLeavesNothingLoaded)
         EXPECT_EQ(0u, alive().libraries) << test.trace;
         EXPECT_EQ("", stage.end()) << test.trace;
     }
-    sweep_faults([] {
-        NOXPlugin *plugin = new_source("source");
-        EXPECT_EQ(plugin != nullptr ? 1u : 0u, alive().libraries);
-        EXPECT_EQ(SIM_TraceCount("object create failed"),
-                  SIM_TraceCount("can not create object size (", 1));
-        nox_object_delete(plugin);
-    });
 }
 
 TEST_F(PluginLoad, InstanceKeepsItsKeyItsStateNullAndItsLibraryToTheEnd)

@@ -161,17 +161,4 @@ TEST_F(Structure, NamesFitKeepTheirOrderAndCanChangeTypeOnceDeleted)
     EXPECT_EQ(longest + " B a b ", order);
 }
 
-TEST(StructureFaults, SetThatFailsLeavesItAsItWas)
-{
-    sweep_faults([] {
-        NOXStructure *structure = nox_structure_new("format");
-        if (structure == nullptr)
-            return;
-        const bool put = nox_structure_putvar1(NOX_TYPE_STRING, structure, "key", 0, "text") == 0;
-        EXPECT_EQ(put ? 1u : 0u, OSA_ListGetNum(structure->vars));
-        EXPECT_EQ(put ? 0u : 1u, traced("noxstructure", 1, "structure node craete failed"));
-        nox_object_delete(structure);
-    });
-}
-
 } // namespace

@@ -223,24 +223,6 @@ TEST_F(Memory, LargeBlocksAreKeptForTheirOwnSizeAndWithinBounds)
     EXPECT_LT(bytes_in_use(), before + (65u << 20)) << "64 MiB";
 }
 
-TEST_F(Pools, MemoryStaysFlatOverManyStartsAndStops)
-{
-    OSA_SMalloc_Deinit();
-    OSA_SystemUnInit(nullptr);
-    const size_t before = bytes_in_use();
-    for (int32_t cycle = 0; cycle < 10000; ++cycle) {
-        OSA_SystemInit(nullptr);
-        OSA_SMalloc_Init();
-        OSA_SMalloc_Register(kSize, "record");
-        give(take(static_cast<size_t>(cycle % 100)));
-        OSA_Free(OSA_Malloc(100000, 0, 0, "test", 1, "test"), 0);
-        OSA_SMalloc_UnRegister(kSize);
-        OSA_SMalloc_Deinit();
-        OSA_SystemUnInit(nullptr);
-    }
-    EXPECT_LT(bytes_in_use(), before + 10000);
-}
-
 TEST_F(Pools, OfTooManySizesAreRefusedAndTold)
 {
     std::set<uint32_t> registered;
