@@ -45,7 +45,8 @@
  * Fallible are OSA_Malloc, OSA_SMalloc, OSA_SMalloc_Register, OSA_ListCreate,
  * OSA_ListAddTail and -AddHead, OSA_List_Node_new and -new_data, OSA_MutexCreate,
  * OSA_EventCreate, OSA_QueueCreate, OSA_QueuePush, OSA_ThreadCreate,
- * OSA_FileOpen, OSA_FileWrite, OSA_LibraryLoad and OSA_LibraryGetFunc.
+ * OSA_FileOpen, OSA_FileWrite, OSA_FileClose of a file that was written,
+ * OSA_LibraryLoad and OSA_LibraryGetFunc.
  *
  * Misuse (a block freed twice or to the wrong pool, a handle used after its
  * destruction, a node unlinked from a list it is not in, an unlock by a thread

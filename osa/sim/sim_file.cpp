@@ -99,7 +99,8 @@ int32_t OSA_FileClose(OSA_File *file)
     if (!layer.destroy(file, Kind::file, "OSA_FileClose"))
         return -1;
     file->close_descriptor();
-    return 0;
+    const bool was_written = file->reader == nullptr; // else there is nothing to lose
+    return was_written && layer.must_fail("OSA_FileClose", SIM_CALLER) ? -1 : 0;
 }
 
 void SIM_FileAdd(const std::string &path, const std::string &content)

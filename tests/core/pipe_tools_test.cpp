@@ -140,13 +140,14 @@ TEST_F(PipeTools, ADumpWritesTheTextAndTracesIt)
     EXPECT_EQ(0, nox_pipe_dump(pipe, "graph.dot"));
     EXPECT_EQ(text, SIM_FileContent("graph.dot"));
 
-    // The text, opening the file, writing it: without branches a walk takes no memory.
-    for (uint64_t n : {1u, 2u, 3u}) {
+    // The text, opening the file, writing and closing it: without branches a walk takes no memory.
+    for (uint64_t n : {1u, 2u, 3u, 4u}) {
         SIM_TraceClear();
         SIM_FailNth(SIM_FallibleCount() + n);
         EXPECT_EQ(0, nox_pipe_dump(pipe, "other.dot"));
         SIM_FailNone();
         EXPECT_EQ(n == 2 ? 0u : 1u, SIM_TraceCount("", 1)) << n;
+        EXPECT_EQ(n > 2 ? 1u : 0u, SIM_TraceCount("can not write (other.dot)", 1)) << n;
         EXPECT_EQ(n == 1 ? 0u : 1u, SIM_TraceCount("s -> k;", 2)) << n;
     }
 }
