@@ -13,6 +13,7 @@
 #include <map>
 
 #include "soak/campaigns.h"
+#include "soak/dice.h"
 
 namespace soak
 {
@@ -23,8 +24,8 @@ namespace
 constexpr uint64_t kPairs = 10'000;
 constexpr uint64_t kQuickPairs = 500;
 constexpr uint64_t kQuickQuiet = 1000;
-constexpr uint64_t kSchedules = 1000;
-constexpr uint64_t kNearby = 12; // calls: what handles a failure comes right after it
+constexpr uint32_t kSchedules = 1000;
+constexpr uint32_t kNearby = 12; // calls: what handles a failure comes right after it
 
 using Errors = std::vector<std::string>;
 
@@ -139,19 +140,41 @@ std::vector<Scenario> all_scenarios()
     return scenarios;
 }
 
+struct Pair {
+    Scenario scenario;
+    uint64_t seed;
+    uint64_t first, second;
+};
+
 // The second fault is often near the first one, where it meets the handling of it, and
-// the schedule is any.
+// the schedule is any. Only a run with the first tells which calls come after it: where
+// the story ends with that fault, another one is drawn.
+Pair draw_pair(const std::vector<Scenario> &scenarios, uint64_t number)
+{
+    Dice dice(number);
+    for (;;) {
+        const Scenario &scenario = dice.one_of(scenarios);
+        const auto calls = static_cast<uint32_t>(clean_run_of(scenario).calls);
+        const uint32_t first = dice.between(1, calls);
+        const uint64_t seed = dice.between(1, kSchedules);
+        const Outcome alone = run(
+            scenario, [=] { SIM_FailNth(first); }, seed);
+        if (alone.failed == 0 || alone.calls <= first)
+            continue;
+        const auto left = static_cast<uint32_t>(alone.calls) - first;
+        const uint32_t reach = dice.chance(50) ? std::min(kNearby, left) : left;
+        return {scenario, seed, first, first + dice.between(1, reach)};
+    }
+}
+
 void run_pair(const std::vector<Scenario> &scenarios, uint64_t number)
 {
-    const Scenario &scenario = scenarios[bits_of(number, 0) % scenarios.size()];
-    const uint64_t calls = clean_run_of(scenario).calls;
-    const uint64_t first = bits_of(number, 1) % calls + 1;
-    const uint64_t reach = bits_of(number, 2) % 2 == 0 ? kNearby : calls;
-    const uint64_t second = first + 1 + bits_of(number, 3) % reach;
-    const uint64_t seed = bits_of(number, 4) % kSchedules + 1;
-    const Outcome outcome = run(
-        scenario, [=] { SIM_FailNth(first, second); }, seed);
-    judge(scenario, outcome, SIM_FallibleText(first) + " and " + SIM_FallibleText(second));
+    const auto [scenario, seed, first, second] = draw_pair(scenarios, number);
+    const auto fail_both = [first = first, second = second] { SIM_FailNth(first, second); };
+    const Outcome outcome = run(scenario, fail_both, seed);
+    const std::string calls = SIM_FallibleText(first) + " and " + SIM_FallibleText(second);
+    EXPECT_EQ(2u, outcome.failed) << calls;
+    judge(scenario, outcome, calls);
 }
 
 // The same faults, each once, with the traces switched off: what is told must not be part of
