@@ -158,22 +158,8 @@ void expect_to_be_caught(Bed &bed, const Trap &trap)
     SIM_TraceClear();
 }
 
-void catch_thread(Bed &bed)
+void catch_thread(Bed &bed, Trap &trap)
 {
-    Trap trap(bed.dice.between(1, 4));
-    switch (bed.dice.below(3)) {
-    case 0:
-        script("bad").create = [&](NOXBaseSrc *) {
-            trap.pass();
-            return next_buffer();
-        };
-        break;
-    case 1:
-        script("f").take = [&](NOXBuffer *) { return trap.pass(), 0; };
-        break;
-    default:
-        script("k").take = [&](NOXBuffer *) { return trap.pass(), 0; };
-    }
     expect_to_be_caught(bed, trap);
     trap.release_later();
     stop_somehow(bed);
@@ -182,6 +168,30 @@ void catch_thread(Bed &bed)
                                          " s, waiting on\n",
                                      OSA_TRACE_ERROR))
             << seconds;
+}
+
+void catch_create(Bed &bed)
+{
+    Trap trap(bed.dice.between(1, 4));
+    script("bad").create = [&](NOXBaseSrc *) {
+        trap.pass();
+        return next_buffer();
+    };
+    catch_thread(bed, trap);
+}
+
+void catch_filter(Bed &bed)
+{
+    Trap trap(bed.dice.between(1, 4));
+    script("f").take = [&](NOXBuffer *) { return trap.pass(), 0; };
+    catch_thread(bed, trap);
+}
+
+void catch_sink(Bed &bed)
+{
+    Trap trap(bed.dice.between(1, 4));
+    script("k").take = [&](NOXBuffer *) { return trap.pass(), 0; };
+    catch_thread(bed, trap);
 }
 
 // ---- buffers ------------------------------------------------------------------------
@@ -238,14 +248,6 @@ void return_released_buffer(Bed &bed)
     EXPECT_EQ(1u, SIM_TraceCount("create function returned a released buffer", OSA_TRACE_ERROR));
     Bed::expect_sound();
     bed.end();
-}
-
-void return_same_buffer(Bed &bed)
-{
-    if (bed.dice.chance(50))
-        return_one_buffer(bed);
-    else
-        return_released_buffer(bed);
 }
 
 void fail_in_chain(Bed &bed)
@@ -425,8 +427,11 @@ Campaign campaign(const char *name)
 Campaigns misbehaviour_campaigns()
 {
     return {
-        campaign<catch_thread>("call-never-returns"),
-        campaign<return_same_buffer>("same-buffer-twice"),
+        campaign<catch_create>("create-never-returns"),
+        campaign<catch_filter>("filter-never-returns"),
+        campaign<catch_sink>("sink-never-returns"),
+        campaign<return_one_buffer>("same-buffer-twice"),
+        campaign<return_released_buffer>("released-buffer-twice"),
         campaign<fail_in_chain>("chain-fails"),
         campaign<keep_buffers>("buffers-kept"),
         campaign<link_in_circle>("links-in-circle"),
