@@ -1,5 +1,7 @@
 // What the stories of the fault sweep share: making, linking, waiting, giving back.
 
+#include <gtest/gtest.h>
+
 #include <regex>
 #include <utility>
 
@@ -55,6 +57,9 @@ void Attempt::at_end(std::function<void()> step)
 bool Attempt::start_up(const char *cache)
 {
     m_is_up = done(nox_init(cache));
+    if (!m_is_up) {
+        EXPECT_EQ(nullptr, nox_plugin_lookup("probesrc")) << "left by a start that failed";
+    }
     return m_is_up && make_pipe();
 }
 
