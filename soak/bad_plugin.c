@@ -10,6 +10,7 @@
 #include "noxbasefilter.h"
 #include "noxbasesink.h"
 #include "noxbasesrc.h"
+#include "osa/osa.h"
 
 /* Bigger than any base class's. */
 typedef union Record {
@@ -42,80 +43,126 @@ static int32_t half_made_init(NOXPlugin *plugin)
     return -1;
 }
 
-/* ---- slots that fail, each of them */
+/* ---- slots that fail, and say that they were called */
 
-static int32_t fail_plugin(NOXPlugin *plugin)
+static int32_t fail(const char *slot)
 {
-    (void)plugin;
+    OSA_Trace("bad", OSA_TRACE_ERROR, "bad_plugin", __LINE__, slot, "failing %s\n", slot);
     return -1;
 }
 
-static int32_t fail_state(NOXPlugin *plugin, int32_t state)
+static int32_t fail_start(NOXPlugin *plugin)
+{
+    (void)plugin;
+    return fail("start");
+}
+
+static int32_t fail_stop(NOXPlugin *plugin)
+{
+    (void)plugin;
+    return fail("stop");
+}
+
+static int32_t fail_finalize(NOXPlugin *plugin)
+{
+    (void)plugin;
+    return fail("finalize");
+}
+
+static int32_t fail_setstate(NOXPlugin *plugin, int32_t state)
 {
     (void)plugin, (void)state;
-    return -1;
+    return fail("setstate");
 }
 
 static int32_t fail_link(NOXPlugin *plugin, NOXPlugin *next)
 {
     (void)plugin, (void)next;
-    return -1;
+    return fail("link");
 }
 
 static int32_t fail_prepare(NOXPlugin *plugin, void *argument)
 {
     (void)plugin, (void)argument;
-    return -1;
+    return fail("prepare");
 }
 
 static int32_t fail_chain(NOXPlugin *plugin, NOXBuffer *buffer)
 {
     (void)plugin, (void)buffer;
-    return -1;
+    return fail("chain");
 }
 
-static int32_t fail_format(NOXPlugin *plugin, NOXStructure *format)
+static int32_t fail_setformat(NOXPlugin *plugin, NOXStructure *format)
 {
     (void)plugin, (void)format;
-    return -1;
+    return fail("setformat");
+}
+
+static int32_t fail_getformat(NOXPlugin *plugin, NOXStructure *format)
+{
+    (void)plugin, (void)format;
+    return fail("getformat");
 }
 
 static int32_t fail_event(NOXPlugin *plugin, NOXEvent *event)
 {
     (void)plugin, (void)event;
-    return -1;
+    return fail("event");
 }
 
-static NOXAllocator *fail_allocator(NOXPlugin *plugin)
+static NOXAllocator *fail_getallocator(NOXPlugin *plugin)
 {
     (void)plugin;
+    fail("getallocator");
     return NULL;
 }
 
 static NOXBuffer *fail_create(NOXBaseSrc *source)
 {
     (void)source;
+    fail("create");
     return NULL;
 }
 
+static int is_wanted(const char *slot)
+{
+    const char *kind = getenv("BAD_PLUGIN");
+    return kind == NULL || strcmp(kind, "failing slots") == 0 ||
+           strcmp(kind, "failing source") == 0 || strcmp(strrchr(kind, ' ') + 1, slot) == 0;
+}
+
+#define LET_FAIL(slot)                                                                             \
+    if (is_wanted(#slot))                                                                          \
+    plugin->slot##_func = fail_##slot
+
 static void fill_failing(NOXPlugin *plugin)
 {
-    plugin->setstate_func = fail_state;
-    plugin->link_func = fail_link;
-    plugin->prepare_func = fail_prepare;
-    plugin->chain_func = fail_chain;
-    plugin->setformat_func = fail_format;
-    plugin->getformat_func = fail_format;
-    plugin->getallocator_func = fail_allocator;
-    plugin->finalize_func = fail_plugin;
-    plugin->event_func = fail_event;
-    plugin->start_func = fail_plugin;
-    plugin->stop_func = fail_plugin;
+    LET_FAIL(setstate);
+    LET_FAIL(link);
+    LET_FAIL(prepare);
+    LET_FAIL(chain);
+    LET_FAIL(setformat);
+    LET_FAIL(getformat);
+    LET_FAIL(getallocator);
+    LET_FAIL(finalize);
+    LET_FAIL(event);
+    LET_FAIL(start);
+    LET_FAIL(stop);
 }
 
 static int32_t failing_init(NOXPlugin *plugin)
 {
     const int32_t result = nox_plugin_init(plugin);
+    fill_failing(plugin);
+    return result;
+}
+
+/* A filter with one slot that fails, so that nothing else keeps that one from being called. */
+static int32_t failing_filter_init(NOXPlugin *plugin)
+{
+    const int32_t result = nox_basefilter_init((NOXBaseFilter *)plugin);
+    plugin->chain_func = nox_plugin_push_buffer;
     fill_failing(plugin);
     return result;
 }
@@ -183,6 +230,17 @@ static const Kind kinds[] = {
     {"size without filter", {"bad", "soak", BARE, filter_init}},
     {"size without sink", {"bad", "soak", BARE, sink_init}},
     {"failing slots", {"bad", "soak", WHOLE, failing_init}},
+    {"failing setstate", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing link", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing prepare", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing chain", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing setformat", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing getformat", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing getallocator", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing finalize", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing event", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing start", {"bad", "soak", WHOLE, failing_filter_init}},
+    {"failing stop", {"bad", "soak", WHOLE, failing_filter_init}},
     {"failing source", {"bad", "soak", WHOLE, failing_source_init}},
 };
 

@@ -144,7 +144,7 @@ void expect_refusal(const std::string &library, const std::string &reason)
 
 // ---- truncated files
 
-constexpr size_t kLengths = 500;
+constexpr size_t kLengths = 500; // that lack something
 
 const std::string &whole_library()
 {
@@ -157,6 +157,24 @@ const ElfW(Ehdr) & header_of(const std::string &whole)
     return *reinterpret_cast<const ElfW(Ehdr) *>(whole.data());
 }
 
+const ElfW(Phdr) * segments_of(const std::string &whole)
+{
+    return reinterpret_cast<const ElfW(Phdr) *>(&whole[header_of(whole).e_phoff]);
+}
+
+// Where the last byte lies that the loader needs. What follows, such as the section
+// headers, a library can do without.
+size_t needed_length()
+{
+    const std::string &whole = whole_library();
+    const auto *segments = segments_of(whole);
+    size_t end = 0;
+    for (size_t i = 0; i < header_of(whole).e_phnum; ++i)
+        if (segments[i].p_type == PT_LOAD)
+            end = std::max<size_t>(end, segments[i].p_offset + segments[i].p_filesz);
+    return end;
+}
+
 // Where something ends, and around it.
 void add_edge(std::set<size_t> &lengths, size_t end)
 {
@@ -165,46 +183,39 @@ void add_edge(std::set<size_t> &lengths, size_t end)
             lengths.insert(length);
 }
 
-// Where headers, segments and sections begin and end, and then evenly through the file.
+// Where headers and segments begin and end, and then evenly through what is needed; and
+// a few that lack nothing.
 std::vector<size_t> lengths_to_try()
 {
     const std::string &whole = whole_library();
     const auto &header = header_of(whole);
-    const auto *segments = reinterpret_cast<const ElfW(Phdr) *>(&whole[header.e_phoff]);
-    const auto *sections = reinterpret_cast<const ElfW(Shdr) *>(&whole[header.e_shoff]);
+    const auto *segments = segments_of(whole);
     std::set<size_t> lengths = {0};
-    for (const size_t end : {size_t{SELFMAG}, size_t{EI_NIDENT}, sizeof(header), whole.size()})
+    for (const size_t end : {size_t{SELFMAG}, size_t{EI_NIDENT}, sizeof(header)})
         add_edge(lengths, end);
     for (size_t i = 0; i < header.e_phnum; ++i) {
         add_edge(lengths, header.e_phoff + (i + 1) * sizeof(segments[0]));
         add_edge(lengths, segments[i].p_offset);
         add_edge(lengths, segments[i].p_offset + segments[i].p_filesz);
     }
-    for (size_t i = 0; i < header.e_shnum && lengths.size() < kLengths * 3 / 4; ++i)
-        add_edge(lengths, sections[i].sh_offset + sections[i].sh_size);
+    const size_t needed = needed_length();
+    lengths.erase(lengths.lower_bound(needed), lengths.end());
     for (size_t place = 0; lengths.size() < kLengths; ++place)
-        lengths.insert(bits_of(place) % whole.size());
+        lengths.insert(bits_of(place) % needed);
+    for (const size_t end : {needed + 1, size_t{header.e_shoff}, whole.size()})
+        add_edge(lengths, end);
     return {lengths.begin(), lengths.end()};
 }
 
-// Where the last byte lies that the loader needs. What follows, such as the section
-// headers, a library can do without.
-size_t needed_length()
+const std::vector<size_t> &lengths()
 {
-    const std::string &whole = whole_library();
-    const auto &header = header_of(whole);
-    const auto *segments = reinterpret_cast<const ElfW(Phdr) *>(&whole[header.e_phoff]);
-    size_t end = 0;
-    for (size_t i = 0; i < header.e_phnum; ++i)
-        if (segments[i].p_type == PT_LOAD)
-            end = std::max<size_t>(end, segments[i].p_offset + segments[i].p_filesz);
-    return end;
+    static const std::vector<size_t> lengths = lengths_to_try();
+    return lengths;
 }
 
 void load_truncated(uint64_t run)
 {
-    static const std::vector<size_t> lengths = lengths_to_try();
-    const size_t length = lengths[run - 1];
+    const size_t length = lengths()[run - 1];
     const TemporaryFolder folder;
     const std::string path = folder / "truncated.so";
     write_file(path, whole_library().substr(0, length));
@@ -358,23 +369,31 @@ void load_described(uint64_t run)
 
 // ---- slots
 
-const char *const kKindsWithoutUse[] = {"failing slots", "failing source", "half made", "no slots"};
+// The last words of the first ones are what they say when it is called.
+const char *const kKindsWithoutUse[] = {
+    "failing setstate",     "failing link",      "failing prepare",
+    "failing chain",        "failing setformat", "failing getformat",
+    "failing finalize",     "failing event",     "failing start",
+    "failing getallocator", "failing stop",      "failing slots",
+    "failing source",       "half made",         "no slots",
+};
+constexpr size_t kSingleSlots = 11;
 
-// Behind a source that works, or at the head of a chain that does: whatever happens to it
-// is answered, and the rest can be stopped and released.
-void drive(NOXPlugin *bad, Dice &dice)
+bool contains(const Lines &lines, const std::string &line)
 {
-    StormPipe storm({Shape{}});
-    NOXPipe *pipe = storm.pipe();
-    nox_pipe_add_plugin(pipe, bad);
-    NOXPlugin *good = &storm.chain(0).source->plugin;
-    const bool is_source = bad->issrc;
-    NOXPlugin *upstream = is_source ? bad : good;
-    nox_plugin_link(upstream, is_source ? good->next : bad);
-    NOXStructure *format = nox_structure_new("format");
-    EXPECT_EQ(-1, nox_plugin_setformat(bad, format));
-    EXPECT_EQ(-1, nox_plugin_getformat(bad, format));
-    nox_object_delete(format);
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+// Between a source and its sink.
+void insert(NOXPlugin *bad, NOXPlugin *source)
+{
+    NOXBufferRequest request{1, 0, {10}};
+    nox_plugin_link_many(source, bad, source->next, nullptr);
+    nox_object_delete(nox_plugin_get_outbuffer(source, &request));
+}
+
+void change_somehow(NOXPipe *pipe, NOXPlugin *upstream, Dice &dice)
+{
     for (uint32_t change = 0; change < 12; ++change) {
         nox_pipe_set_state(pipe, static_cast<int32_t>(dice.below(4)));
         NOXEvent event{nullptr, NOX_EVENT_RESET};
@@ -384,15 +403,44 @@ void drive(NOXPlugin *bad, Dice &dice)
     }
 }
 
+// In a chain that works, or at its head: whatever happens to it is answered, and the rest
+// can be stopped and released.
+void drive(NOXPlugin *bad, const std::string &name, const Told &told, Dice &dice)
+{
+    StormPipe storm({Shape{}});
+    NOXPipe *pipe = storm.pipe();
+    nox_pipe_add_plugin(pipe, bad);
+    NOXPlugin *good = &storm.chain(0).source->plugin;
+    const bool is_source = bad->issrc;
+    if (is_source)
+        nox_plugin_link(bad, good->next);
+    else
+        insert(bad, good);
+    NOXStructure *format = nox_structure_new("format");
+    nox_plugin_setformat(bad, format);
+    nox_plugin_getformat(bad, format);
+    nox_object_delete(format);
+    nox_pipe_set_state(pipe, NOX_STATE_PLAY);
+    if (name == "failing chain") {
+        EXPECT_TRUE(comes_true([&] { return contains(told.lines(), name); }));
+    }
+    change_somehow(pipe, is_source ? bad : good, dice);
+}
+
 void use_failing(uint64_t run)
 {
     Dice dice(run);
-    setenv("BAD_PLUGIN", dice.one_of(kKindsWithoutUse), 1);
+    const size_t kind = run % std::size(kKindsWithoutUse);
+    const std::string name = kKindsWithoutUse[kind];
+    setenv("BAD_PLUGIN", name.c_str(), 1);
     const CacheOf cache(kBadPlugin);
     const RealLibrary library(cache.path().c_str());
     const Told told;
-    drive(nox_plugin_new("bad", "instance"), dice);
-    EXPECT_FALSE(told.lines().empty());
+    drive(nox_plugin_new("bad", "instance"), name, told, dice);
+    EXPECT_FALSE(told.lines().empty()) << name;
+    if (kind < kSingleSlots) {
+        EXPECT_TRUE(contains(told.lines(), name)) << name << " was never called";
+    }
     EXPECT_FALSE(is_loaded(kBadPlugin));
 }
 
@@ -428,8 +476,8 @@ Campaigns bad_plugin_campaigns()
     return {
         {.name = "bad-truncated",
          .unit = "lengths",
-         .full = kLengths,
-         .quick = kLengths,
+         .full = lengths().size(),
+         .quick = lengths().size(),
          .run = load_truncated},
         {.name = "bad-files",
          .unit = "files",
