@@ -129,7 +129,7 @@ void Watch::see_change(Actor &actor, int32_t state)
         ++actor.due_starts;
     if (state == NOX_STATE_NULL)
         ++actor.due_stops;
-    if (state == NOX_STATE_PLAY && actor.parked && m_clock_moved)
+    if (state == NOX_STATE_PLAY && actor.parked && actor.clock_moved.exchange(false))
         forget_stamps(actor);
     if (state == NOX_STATE_PLAY || state == NOX_STATE_NULL)
         actor.parked = false;
@@ -366,11 +366,17 @@ void Watch::stop_members()
 
 void Watch::set_clock(uint64_t reading)
 {
-    m_clock_moved = true;
+    note_clock_moved();
     nox_timer_settime_absolute(pipe->clock, reading);
 }
 
-// A source that leaves a pause stamps anew by a clock that was moved; from NULL, it does not.
+void Watch::note_clock_moved()
+{
+    for (Actor *source : sources)
+        source->clock_moved = true;
+}
+
+// Only where a pause is left after the clock was moved: from NULL, a source knows its last stamp.
 void Watch::forget_stamps(const Actor &source)
 {
     for (Actor &actor : actors)

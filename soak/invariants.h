@@ -101,6 +101,7 @@ struct Actor {
     Unordered<uint32_t> restarts{0}; // starts while it runs, after a stop
     Unordered<uint64_t> shortest_closed{UINT64_MAX}; // ms, of the restarts
     Unordered<bool> parked{false};                   // source: see invariant 1
+    Unordered<bool> clock_moved{false};              // source: since it last left a pause
     Unordered<uint32_t> made_while_paused{0};
     Unordered<uint32_t> numbered{0}; // buffers
     Unordered<uint32_t> posted{0};   // messages
@@ -156,6 +157,8 @@ public:
 
     // Sets the clock as an application may while the pipe is paused.
     void set_clock(uint64_t reading);
+    // A source that leaves a pause after it stamps by a clock that may read less.
+    void note_clock_moved();
 
     // While the pipe plays and no source has ended: everybody gets further buffers.
     void expect_flow();
@@ -194,7 +197,6 @@ private:
     void expect_balance(const Actor &actor) const;
 
     Unordered<bool> m_refusing{false};
-    Unordered<bool> m_clock_moved{false};
     Unordered<bool> m_in_order{true}; // see start_members
     Unordered<uint64_t> m_made{0};
     Unordered<uint64_t> m_released{0};
