@@ -10,6 +10,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -19,9 +21,8 @@
 #include "common/options.h"
 #include "common/output.h"
 #include "common/report.h"
-#include "common/riff.h"
-#include "common/sound_file.h"
 #include "common/stream.h"
+#include "common/wav_reader.h"
 #include "nox.h"
 #include "noxbasesrc.h"
 
@@ -34,10 +35,8 @@ constexpr uint64_t kBuffersPerSecond = 50;
 constexpr uint64_t kMostBufferBytes = 16 * 1024 * 1024; // 1024 channels at 400 kHz
 constexpr uint64_t kMostFrames = UINT64_MAX / 1000000;  // in all: their microseconds fit
 
-// An opened recording. The descriptor outlives the handle that reads through it.
 struct Recording {
-    Descriptor descriptor;
-    SoundFile file;
+    std::unique_ptr<WavReader> reader; // null: there is none
     StreamFormat stream{};
     uint64_t frames = 0;
 };
@@ -94,20 +93,17 @@ bool lock_for_reading(int descriptor)
     return flock(descriptor, LOCK_SH | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
-// libsndfile plays what is there, also when that is not what the header says.
-bool holds_what_it_says(void *plugin, const char *location, int descriptor, const SF_INFO &info)
+bool holds_what_it_says(void *plugin, const char *location, const WavLayout &layout)
 {
-    const SampleBytes bytes = compare_with_header(descriptor);
-    if (bytes.missing > 0)
+    if (layout.missing > 0)
         report(plugin, PLUGIN_MSG_FORMAT, "%s is truncated: %llu bytes of its samples are missing",
-               location, static_cast<unsigned long long>(bytes.missing));
-    const bool unfinished = bytes.unannounced > 0 && info.frames == 0;
-    if (unfinished)
+               location, static_cast<unsigned long long>(layout.missing));
+    if (layout.unannounced > 0)
         report(plugin, PLUGIN_MSG_FORMAT,
                "%s says that it holds no samples, but %llu bytes follow: its recorder was not "
                "ended properly",
-               location, static_cast<unsigned long long>(bytes.unannounced));
-    return bytes.missing == 0 && !unfinished;
+               location, static_cast<unsigned long long>(layout.unannounced));
+    return layout.missing == 0 && layout.unannounced == 0;
 }
 
 // What the header says of rate and channels decides how large a buffer is, and a file that
@@ -118,31 +114,45 @@ bool buffers_fit(const StreamFormat &stream)
     return most_frames * stream.frame_size() <= kMostBufferBytes;
 }
 
-int32_t open_recording(void *plugin, const char *location, Recording &recording)
+int32_t open_file(void *plugin, const char *location, Descriptor &descriptor)
 {
-    recording.descriptor = Descriptor(open(location, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    const int descriptor = recording.descriptor.get();
-    if (descriptor < 0)
+    descriptor = Descriptor(open(location, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (descriptor.get() < 0)
         return report(plugin, PLUGIN_MSG_READ, "cannot open %s: %s", location,
                       strerrordesc_np(errno));
-    if (!is_regular_file(descriptor))
+    if (!is_regular_file(descriptor.get()))
         return report(plugin, PLUGIN_MSG_READ, "cannot read %s: not a regular file", location);
-    if (!lock_for_reading(descriptor))
+    if (!lock_for_reading(descriptor.get()))
         return report(plugin, PLUGIN_MSG_READ, "cannot read %s: it is being written", location);
+    return 0;
+}
 
-    if (!is_quickly_read(descriptor))
-        return report(plugin, PLUGIN_MSG_FORMAT,
-                      "cannot read %s: too many chunks, or a list that is too long", location);
-    SF_INFO info{};
-    recording.file.reset(sf_open_fd(descriptor, SFM_READ, &info, SF_FALSE));
-    if (recording.file == nullptr)
+int32_t open_reader(void *plugin, const char *location, Recording &recording, SF_INFO &info)
+{
+    Descriptor descriptor;
+    if (open_file(plugin, location, descriptor) != 0)
+        return -1;
+    WavLayout layout;
+    if (const char *reason = find_samples(descriptor.get(), layout))
+        return report(plugin, PLUGIN_MSG_FORMAT, "cannot read %s: %s", location, reason);
+    if (!holds_what_it_says(plugin, location, layout))
+        return -1;
+    recording.reader.reset(new (std::nothrow) WavReader(std::move(descriptor), layout));
+    if (recording.reader == nullptr)
+        return report(plugin, PLUGIN_MSG_MEMORY, "no memory to read %s", location);
+    if (!recording.reader->open(info))
         return report(plugin, PLUGIN_MSG_FORMAT, "cannot read %s: %s", location,
                       sf_strerror(nullptr));
+    return 0;
+}
+
+int32_t open_recording(void *plugin, const char *location, Recording &recording)
+{
+    SF_INFO info{};
+    if (open_reader(plugin, location, recording, info) != 0)
+        return -1;
     if (!is_pcm_wav(info.format))
         return report_unsupported(plugin, location, info.format);
-    if (!holds_what_it_says(plugin, location, descriptor, info))
-        return -1;
-
     recording.stream = {static_cast<uint32_t>(info.samplerate),
                         static_cast<uint32_t>(info.channels)};
     if (!buffers_fit(recording.stream))
@@ -206,7 +216,7 @@ int32_t wavsrc_getformat(NOXBaseSrc *source, NOXStructure *format)
     if (put_option(format, "location", location) != 0 ||
         put_option(format, "loop", state.loop) != 0)
         return -1;
-    if (state.recording.file == nullptr)
+    if (state.recording.reader == nullptr)
         return 0;
     const StreamFormat &stream = state.recording.stream;
     const bool entered =
@@ -221,13 +231,14 @@ int32_t wavsrc_getformat(NOXBaseSrc *source, NOXStructure *format)
 int32_t wavsrc_start(NOXBaseSrc *source)
 {
     State &state = WavSource::of(source)->state;
-    if (state.recording.file == nullptr)
+    if (state.recording.reader == nullptr)
         return report(source, PLUGIN_MSG_OPTION, "option location is missing: the WAV file's path");
     if (source->thread != nullptr)
         return 0;
-    if (sf_seek(state.recording.file.get(), 0, SF_SEEK_SET) != 0)
+    SNDFILE *file = state.recording.reader->file();
+    if (sf_seek(file, 0, SF_SEEK_SET) != 0)
         return report(source, PLUGIN_MSG_READ, "cannot go to the start of %s: %s",
-                      state.location.get(), sf_strerror(state.recording.file.get()));
+                      state.location.get(), sf_strerror(file));
     state.position = 0;
     state.ending = false;
     std::atomic_ref(source->eos).store(0);
@@ -246,18 +257,19 @@ uint64_t frames_to_next_mark(const Recording &recording, uint64_t position)
 bool read_frames(NOXBaseSrc *source, NOXBuffer *buffer, uint64_t frames)
 {
     State &state = WavSource::of(source)->state;
-    SNDFILE *file = state.recording.file.get();
+    const WavReader &reader = *state.recording.reader;
     NOXMemory *memory = nox_buffer_get_memory(buffer, 0);
     if (reinterpret_cast<uintptr_t>(nox_memory_get_data(memory)) % alignof(short) != 0) {
         report(source, PLUGIN_MSG_MEMORY, "got an output buffer that is not aligned");
         return false;
     }
     auto *samples = reinterpret_cast<short *>(nox_memory_get_data(memory));
-    const sf_count_t count = sf_readf_short(file, samples, static_cast<sf_count_t>(frames));
+    const sf_count_t count =
+        sf_readf_short(reader.file(), samples, static_cast<sf_count_t>(frames));
     if (static_cast<uint64_t>(count) == frames)
         return true;
     const char *reason =
-        sf_error(file) != SF_ERR_NO_ERROR ? sf_strerror(file) : "the file has shrunk";
+        reader.read_error() != 0 ? strerrordesc_np(reader.read_error()) : "the file has shrunk";
     report(source, PLUGIN_MSG_READ, "cannot read %s past frame %llu: %s", state.location.get(),
            static_cast<unsigned long long>(state.position), reason);
     return false;
@@ -284,7 +296,7 @@ NOXBuffer *wavsrc_create(NOXBaseSrc *source)
     const uint64_t frames = frames_to_next_mark(recording, in_file);
     const auto bytes = static_cast<uint32_t>(frames * recording.stream.frame_size());
     NOXBuffer *buffer = take_outbuffer(source, {1, 0, {bytes}});
-    const bool rewound = in_file != 0 || sf_seek(recording.file.get(), 0, SF_SEEK_SET) == 0;
+    const bool rewound = in_file != 0 || sf_seek(recording.reader->file(), 0, SF_SEEK_SET) == 0;
     if (buffer == nullptr || !rewound || !read_frames(source, buffer, frames)) {
         state.ending = true; // what follows a gap is not played
         nox_object_delete(buffer);

@@ -1,4 +1,4 @@
-// A look at a WAV file's chunks for what libsndfile repairs without a word.
+// Where a WAV file has its format and its samples.
 #ifndef NOX_PLUGINS_COMMON_RIFF_H
 #define NOX_PLUGINS_COMMON_RIFF_H
 
@@ -7,20 +7,24 @@
 namespace noxplugins
 {
 
-// How a file differs from what its header says of the samples; both 0 for a file that
-// is whole, and for one whose header leaves the size open, as recorders that cannot
-// seek do.
-struct SampleBytes {
+constexpr uint32_t kMostFormatBytes = 256; // PCM has 16, 18 or 40
+
+struct WavLayout {
+    bool is_big_endian;
+    uint8_t format[kMostFormatBytes]; // the chunk "fmt ", as it is in the file
+    uint32_t format_size;
+    uint64_t samples_begin; // byte of the file
+    uint64_t samples_size;  // bytes that are there to be played
+
+    // How the file differs from what its header says; both 0 for one that is whole, and for
+    // one whose header leaves the size open, as recorders that cannot seek do.
     uint64_t missing;     // promised, but not there
     uint64_t unannounced; // there, in a file that promises none: its recorder was killed
 };
 
-// Looks at the file behind `descriptor`, whose offset stays as it is.
-SampleBytes compare_with_header(int descriptor);
-
-// False for a file in whose chunks libsndfile would read for minutes: it goes through a list in
-// steps of a few bytes, and a list in a hole may be gigabytes long.
-bool is_quickly_read(int descriptor);
+// Fills the layout of the file behind `descriptor`, whose offset stays as it is. Null, or
+// why there is nothing to play.
+const char *find_samples(int descriptor, WavLayout &layout);
 
 } // namespace noxplugins
 

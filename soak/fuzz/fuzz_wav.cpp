@@ -65,11 +65,19 @@ uint64_t fill_file(const Input &input)
     return size;
 }
 
-void check_chunks(uint64_t size)
+void check_layout(uint64_t size)
 {
-    const noxplugins::SampleBytes bytes = noxplugins::compare_with_header(descriptor());
-    require(bytes.missing == 0 || bytes.unannounced == 0, "both too few samples and too many");
-    require(bytes.unannounced <= size, "more samples than the file has bytes");
+    noxplugins::WavLayout layout;
+    const char *reason = noxplugins::find_samples(descriptor(), layout);
+    require(reason == nullptr || *reason != '\0', "not playable, and nobody says why");
+    if (reason != nullptr)
+        return;
+    require(layout.format_size > 0 && layout.format_size <= noxplugins::kMostFormatBytes,
+            "a format of no size");
+    require(layout.missing == 0 || layout.unannounced == 0, "both too few samples and too many");
+    require(layout.samples_begin <= size && layout.samples_size <= size - layout.samples_begin &&
+                layout.unannounced <= size - layout.samples_begin,
+            "more samples than the file has bytes");
 }
 
 NOXStructure *options()
@@ -175,7 +183,7 @@ void check_play(NOXPlugin *plugin)
 void check(const Input &input)
 {
     const uint64_t size = fill_file(input);
-    check_chunks(size);
+    check_layout(size);
     NOXStructure *format = options();
     NOXPlugin *source = nox_plugin_new("wavsrc", "source");
     require(source != nullptr, "no wavsrc");

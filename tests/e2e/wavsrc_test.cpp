@@ -89,22 +89,34 @@ TEST_F(WavSource, AStreamOf64ChannelsWhose20MillisecondsNeedMoreThan32BitsIsRefu
     EXPECT_EQ(duration_of_cut_file(header, folder / "many.wav"), kRefused) << "at 2 GHz";
 }
 
-// A hole holds chunks without end: empty ones without a name.
-TEST_F(WavSource, AHoleBehindTheSamplesTakesNoTime)
+// A hole holds chunks without end, and the items of a list may lead back to where they begin.
+TEST_F(WavSource, NothingBesideTheSamplesTakesTimeOrHidesThem)
 {
-    const std::string path = folder / "hole.wav";
+    const std::string path = folder / "crafted.wav";
     const auto number = [](uint64_t value, size_t bytes) {
         return std::string(reinterpret_cast<const char *>(&value), bytes);
     };
-
-    // libsndfile skips the six bytes before "data", where a name should begin.
-    const std::string narrow = "fmt " + number(18, 4) + number(1, 2) + number(1, 2) +
-                               number(8000, 4) + number(16000, 4) + number(2, 2) + number(16, 4);
-    write_file(path, "RIFF\xFF\xFF\xFF\xFFWAVE" + narrow + std::string(6, '\1') + "data" +
-                         number(16000, 4));
-    std::filesystem::resize_file(path, 1ULL << 40);
+    const std::string format = "fmt " + number(16, 4) + number(1, 2) + number(1, 2) +
+                               number(8000, 4) + number(16000, 4) + number(2, 2) + number(16, 2);
+    const std::string back = "INFOabcd" + number(-8ULL, 4) + std::string(8, '\0');
+    const std::string crafted[] = {
+        "",
+        "LIST" + number(back.size(), 4) + back,
+        "LIST" + number(1000, 4) + back + std::string(1000 - back.size(), '\0'),
+        back.substr(0, 4) + number(16, 4) + back.substr(4),
+        "note" + number(3, 4) + "odd", // without its pad byte
+    };
+    for (const std::string &chunks : crafted) {
+        write_file(path, "RIFF\xFF\xFF\xFF\xFFWAVE" + format + chunks + "data" + number(16000, 4));
+        std::filesystem::resize_file(path, 1ULL << 40);
+        NOXPlugin *source = nox_plugin_new("wavsrc", "source");
+        EXPECT_EQ(set_location(source, path), 0) << chunks;
+        nox_object_delete(source);
+    }
+    const std::string many(8000, '\0'); // a thousand empty chunks
+    write_file(path, "RIFF\xFF\xFF\xFF\xFFWAVE" + format + many + "data" + number(0, 4));
     NOXPlugin *source = nox_plugin_new("wavsrc", "source");
-    EXPECT_EQ(set_location(source, path), 0);
+    EXPECT_EQ(set_location(source, path), -1);
     nox_object_delete(source);
 }
 
