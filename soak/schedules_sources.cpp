@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <functional>
 #include <optional>
 
 #include "soak/campaigns.h"
@@ -33,13 +34,18 @@ const std::vector<Way> kWays{
     {NOX_STATE_NULL, NOX_STATE_PLAY},
 };
 
-void go(Watch &watch, Dice &dice, const Way &way)
+// What is looked at after each change.
+using Look = std::function<void(int32_t state)>;
+
+void go(Watch &watch, Dice &dice, const Way &way, const Look &look = nullptr)
 {
     for (const int32_t state : way) {
         if (dice.chance(20))
             watch.to_async(state);
         else
             EXPECT_EQ(0, watch.to(state));
+        if (look)
+            look(state);
         OSA_ThreadSleep(dice.chance(40) ? dice.below(12) : 0);
     }
 }
@@ -131,96 +137,207 @@ void pause_and_resume(uint64_t run)
 
 // ---- deaths ---------------------------------------------------------------------
 
-// How a source ends, from some point on.
+constexpr uint32_t kNever = UINT32_MAX;
+constexpr uint32_t kPointsOfChange = 100; // those of most changes
+constexpr int32_t kBufferRefusal = 5;
+
+enum class Cause { kNothingCaptured, kBufferRefused, kLimitReached };
+
 struct Death {
-    int32_t told; // the message; 0: none, but the source knows
+    Cause cause;
     bool live;
-    void (*prepare)(Actor &source, Actor &sink, const Unordered<bool> &has_come);
+    int32_t told; // the message
+    bool once;    // an end of stream that has been pushed is not pushed again
 };
-
-void capture_nothing(Actor &source, Actor &, const Unordered<bool> &has_come)
-{
-    source.has_data = [&has_come] { return !has_come; };
-}
-
-void refuse_buffers(Actor &source, Actor &sink, const Unordered<bool> &has_come)
-{
-    source.adorn = [&sink, &has_come](NOXBuffer *) { sink.answer = has_come ? 5 : 0; };
-}
-
-void reach_limit(Actor &source, Actor &, const Unordered<bool> &has_come)
-{
-    source.adorn = [&source, &has_come](NOXBuffer *) {
-        if (has_come)
-            set_option(source.plugin, NOX_TYPE_UINT32, "maxframes", 1);
-    };
-}
 
 constexpr Death kDeaths[] = {
-    {NOX_MSG_CAPTURE_ERROR, true, capture_nothing},
-    {NOX_MSG_PUSH_ERROR, true, refuse_buffers},
-    {0, true, reach_limit},
-    {NOX_MSG_EOS, false, capture_nothing},
-    {NOX_MSG_EOS, false, refuse_buffers},
+    {Cause::kNothingCaptured, true, NOX_MSG_CAPTURE_ERROR, false},
+    {Cause::kBufferRefused, true, NOX_MSG_PUSH_ERROR, false},
+    {Cause::kLimitReached, true, NOX_MSG_EOS, false},
+    {Cause::kNothingCaptured, false, NOX_MSG_EOS, true},
+    {Cause::kBufferRefused, false, NOX_MSG_EOS, false},
+    {Cause::kLimitReached, false, NOX_MSG_EOS, true},
 };
 
-// The moment: at a buffer, at a point of the schedule, in the slot for states or events.
-void draw_moment(Actor &source, Dice &dice, Unordered<bool> &has_come)
+// A source that dies once in each of its lives, which last from NULL to NULL: as soon as it
+// produces after a moment that is drawn anew for each. The application is told of a death
+// once. It need not be where a stop overtakes the source; but when time has passed before
+// the stop, as it does only while no thread can go on, the source was through with its death.
+class Mortal
 {
-    const auto is_over = [&has_come](uint64_t now, uint64_t limit) {
-        if (now >= limit)
-            has_come = true;
+public:
+    Mortal(Watch &watch, Dice &dice);
+    void live_and_die();
+    void die_undisturbed();
+    void spare(); // for the rest
+
+private:
+    void attach();
+    void draw_moment();
+    void count_down(uint32_t &left);
+    bool has_data();
+    void adorn();
+    void note_death();
+    void look(int32_t state);
+    void end_life();
+
+    Watch &m_watch;
+    Dice &m_dice;
+    const Death &m_death = m_dice.one_of(kDeaths);
+    Actor &m_source =
+        draw_chain(m_watch, m_dice, {.live = m_death.live, .interval_ms = 1 + m_dice.below(4)});
+    Actor &m_sink = m_watch.actors.back();
+
+    // The moment has come when one of these has.
+    Unordered<bool> m_has_come{false};
+    Unordered<uint32_t> m_buffer{kNever};
+    Unordered<uint64_t> m_point{UINT64_MAX};
+    uint32_t m_events_left = kNever;
+    uint32_t m_own_changes_left = kNever; // of the source
+    uint32_t m_changes_left = kNever;     // of the pipe, before m_point
+
+    Unordered<uint64_t> m_died_at{0}; // tick
+    bool m_must_be_told = false;
+    uint32_t m_told = 0;   // up to this life
+    uint32_t m_deaths = 0; // in lives that are over
+};
+
+Mortal::Mortal(Watch &watch, Dice &dice) : m_watch(watch), m_dice(dice)
+{
+    attach();
+    draw_moment();
+}
+
+void Mortal::attach()
+{
+    m_source.script->on_event = [this](int32_t) { count_down(m_events_left); };
+    m_source.on_change = [this](int32_t state) {
+        count_down(m_own_changes_left);
+        if (state == NOX_STATE_NULL)
+            m_must_be_told = m_died_at != 0 && SIM_Tick() > m_died_at;
     };
-    const uint64_t limit = dice.below(8);
-    const uint64_t point = SIM_PointCount() + dice.below(2000);
-    switch (dice.below(4)) {
+    m_source.has_data = [this] { return has_data(); };
+    m_source.adorn = [this](NOXBuffer *) { adorn(); };
+    m_sink.script->take = [this, take = m_sink.script->take](NOXBuffer *buffer) {
+        const int32_t answer = take(buffer);
+        if (answer != 0 || std::atomic_ref(m_source.base()->maxframes) != 0)
+            note_death();
+        return answer;
+    };
+}
+
+void Mortal::draw_moment()
+{
+    m_has_come = false;
+    m_buffer = m_events_left = m_own_changes_left = m_changes_left = kNever;
+    m_point = UINT64_MAX;
+    switch (m_dice.below(5)) {
     case 0:
-        source.script->on_event = [=, &source](int32_t) { is_over(source.numbered, limit); };
+        m_events_left = m_dice.between(1, 3);
         break;
     case 1:
-        source.on_change = [=, &source](int32_t) { is_over(source.numbered, limit); };
+        m_own_changes_left = m_dice.between(1, 4);
         break;
-    default: {
-        const bool by_point = dice.chance(60);
-        const auto create = source.script->create;
-        source.script->create = [=, &source](NOXBaseSrc *base) {
-            is_over(by_point ? SIM_PointCount() : uint64_t{source.numbered},
-                    by_point ? point : limit);
-            return create(base);
-        };
-    }
+    case 2:
+        m_buffer = m_source.numbered + m_dice.below(8);
+        break;
+    default:
+        m_changes_left = m_dice.between(1, 4);
     }
 }
 
-// What the application is told of a death that has come.
-void expect_told(Watch &watch, const Actor &source, const Death &death)
+void Mortal::count_down(uint32_t &left)
 {
-    const auto is_told = [&] {
-        return death.told != 0 ? watch.messages(death.told) > 0
-                               : nox_basesrc_get_eos(source.plugin) != 0;
-    };
-    EXPECT_TRUE(wait_until(is_told, 60'000)) << "message " << death.told;
+    if (left != kNever && --left == 0)
+        m_has_come = true;
+}
+
+bool Mortal::has_data()
+{
+    if (m_source.numbered >= m_buffer || SIM_PointCount() >= m_point)
+        m_has_come = true;
+    if (!m_has_come || m_death.cause != Cause::kNothingCaptured)
+        return true;
+    note_death();
+    return false;
+}
+
+void Mortal::adorn()
+{
+    if (m_death.cause == Cause::kBufferRefused)
+        m_sink.answer = m_has_come ? kBufferRefusal : 0;
+    if (m_death.cause == Cause::kLimitReached)
+        set_option(m_source.plugin, NOX_TYPE_UINT32, "maxframes", m_has_come);
+}
+
+void Mortal::note_death()
+{
+    if (m_died_at == 0)
+        m_died_at = SIM_Tick();
+}
+
+void Mortal::look(int32_t state)
+{
+    if (state == NOX_STATE_NULL)
+        end_life();
+    if (m_changes_left != kNever && --m_changes_left == 0) {
+        m_changes_left = kNever;
+        m_point = SIM_PointCount() + m_dice.below(kPointsOfChange);
+    }
+}
+
+void Mortal::end_life()
+{
+    OSA_ThreadSleep(1); // messages under way are delivered
+    const uint32_t told = m_watch.messages(m_death.told);
+    const bool may_be_told = m_has_come && !(m_death.once && m_told > 0);
+    EXPECT_LE(told - m_told, may_be_told ? 1u : 0u) << "message " << m_death.told;
+    EXPECT_GE(told - m_told, may_be_told && m_must_be_told ? 1u : 0u)
+        << "a death was not told, message " << m_death.told;
+    m_told = told;
+    m_deaths += m_died_at != 0 ? 1 : 0;
+    m_died_at = 0;
+    m_must_be_told = false;
+    set_option(m_source.plugin, NOX_TYPE_UINT32, "maxframes", 0);
+    draw_moment();
+}
+
+void Mortal::live_and_die()
+{
+    EXPECT_EQ(0, m_watch.to(NOX_STATE_PLAY));
+    uint32_t ways = m_dice.between(1, 4);
+    for (; ways > 0 || (m_deaths == 0 && m_died_at == 0); ways -= ways > 0 ? 1 : 0)
+        go(m_watch, m_dice, m_dice.one_of(kWays), [this](int32_t state) { look(state); });
+    EXPECT_EQ(0, m_watch.to(NOX_STATE_NULL));
+    end_life();
+    EXPECT_GT(m_deaths, 0u);
+}
+
+void Mortal::die_undisturbed()
+{
+    m_has_come = true;
+    EXPECT_EQ(0, m_watch.to(NOX_STATE_PLAY));
+    OSA_ThreadSleep(1'000);
+    EXPECT_EQ(0, m_watch.to(NOX_STATE_NULL));
+    EXPECT_TRUE(m_must_be_told);
+    end_life();
+}
+
+void Mortal::spare()
+{
+    m_source.adorn = nullptr;
+    m_source.has_data = nullptr;
 }
 
 void die_in_a_pause(uint64_t run)
 {
     Dice dice(run);
     const Stage stage(drawn_schedule(run, dice));
-    Unordered<bool> has_come{false};
     Watch watch;
-    const Death &death = dice.one_of(kDeaths);
-    Actor &source = draw_chain(watch, dice, {.live = death.live, .interval_ms = 1 + dice.below(4)});
-    death.prepare(source, watch.actors.back(), has_come);
-    draw_moment(source, dice, has_come);
-    EXPECT_EQ(0, watch.to(NOX_STATE_PLAY));
-    for (uint32_t left = 1 + dice.below(4); left > 0; --left)
-        go(watch, dice, dice.one_of(kWays));
-    has_come = true;
-    EXPECT_EQ(0, watch.to(NOX_STATE_NULL));
-    EXPECT_EQ(0, watch.to(NOX_STATE_PLAY));
-    expect_told(watch, source, death);
-    EXPECT_EQ(0, watch.to(NOX_STATE_NULL));
-    source.adorn = nullptr;
+    Mortal mortal(watch, dice);
+    mortal.live_and_die();
+    mortal.die_undisturbed();
+    mortal.spare();
     watch.expect_clean_end();
 }
 
