@@ -349,7 +349,7 @@ constexpr uint32_t kGroupWaitMs = 4'000;
 struct Role {
     Actor *source = nullptr;
     std::vector<uint64_t> failures; // ticks
-    bool answers = false;           // to a request to restart, by failing as well
+    Unordered<bool> answers{false}; // to a request to restart, by failing as well
     uint32_t answers_after_ms = 0;
     size_t failed = 0;
     uint64_t answer_at = 0;
@@ -432,6 +432,22 @@ void draw_role(Role &role, Dice &dice, uint64_t now)
         set_option(role.source->plugin, NOX_TYPE_UINT32, "errhandle", NOX_ERRHANDLE_QUIT);
 }
 
+bool quits(const Role &role)
+{
+    return std::atomic_ref(role.source->base()->errhandle) == NOX_ERRHANDLE_QUIT;
+}
+
+// Whoever attended, and whoever never did. Two that answer each other, and wait for a third
+// that does not, would go on restarting.
+void expect_recovery(Watch &watch, Group &group)
+{
+    if (std::any_of(group.roles.begin(), group.roles.end(), quits))
+        return;
+    for (Role &role : group.roles)
+        role.answers = false;
+    watch.expect_flow();
+}
+
 // A state change or the deletion comes during it.
 void interrupt(Watch &watch, Dice &dice)
 {
@@ -453,6 +469,7 @@ void restart_somehow(Watch &watch, Group &group, Dice &dice)
     OSA_ThreadSleep(dice.below(9'000));
     EXPECT_TRUE(
         wait_until([&] { return watch.messages(NOX_MSG_CAPTURE_ERROR) > 0; }, 2 * kGroupWaitMs));
+    expect_recovery(watch, group);
 }
 
 void restart(uint64_t run)
