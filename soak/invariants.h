@@ -139,7 +139,8 @@ public:
 
     // nox_pipe_set_state with everything that must hold after it.
     int32_t to(int32_t state);
-    // What must hold after a change that somebody else made.
+    // What must hold after a change that somebody else made; of plugins linked to nothing it
+    // asks for no state.
     void expect_changed(int32_t state, int32_t result);
     // The same request on the control thread, which it waits for.
     void to_async(int32_t state);
@@ -167,8 +168,22 @@ public:
     // there, starts and stops in balance.
     void expect_clean_end();
 
+    // Nothing runs any more: every message has come.
+    void expect_delivered();
+
     // Deletes the pipe in whatever state it is, and looks at what is left.
     void remove();
+    // Where several hold the pipe: before the last of them deletes it, and after. Restarts of
+    // single sources are not known there.
+    void note_deletion();
+    void expect_gone();
+
+    // For stories with a bus handler and sources of their own: each message, a source about to
+    // produce, and a fresh buffer, which gets a number in its private data and index, and now
+    // and then a message of that source on its way.
+    void see_message(const std::string &name, int32_t code, const std::string &text);
+    void see_production(Actor &source);
+    void sign(Actor &source, NOXBuffer *buffer);
 
     uint32_t messages(int32_t code) const;
     NOXPipe *pipe;
@@ -182,7 +197,6 @@ private:
     void see_start(Actor &actor);
     void see_stop(Actor &actor);
     void see_take(Actor &actor, NOXBuffer *buffer);
-    void see_message(const std::string &name, int32_t code, const std::string &text);
     void note_parked();
     void forget_stamps(const Actor &source);
 
@@ -198,6 +212,7 @@ private:
 
     Unordered<bool> m_refusing{false};
     Unordered<bool> m_in_order{true}; // see start_members
+    Unordered<bool> m_goes{false};    // see note_deletion
     Unordered<uint64_t> m_made{0};
     Unordered<uint64_t> m_released{0};
     std::map<std::string, uint32_t> m_delivered; // last number of each poster

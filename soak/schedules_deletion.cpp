@@ -1,8 +1,8 @@
 // Asynchronous requests that race the deletion of their pipe.
 //
-// Several actors hold a reference to the pipe each, ask for states, and give their
+// Several hold a reference to the pipe each, ask for states, and give their
 // reference back: the application, threads of its own, the message handler, a callback, a
-// source's thread. Whoever is last deletes the pipe, there and then. An actor keeps the
+// source's thread. Whoever is last deletes the pipe, there and then. An holder keeps the
 // rules of docs/ownership.md: it asks while it holds its reference, or inside a call that
 // the library makes.
 
@@ -21,21 +21,21 @@ namespace soak
 namespace
 {
 
-enum Actor {
+enum Holder {
     kApplication,
     kFirstWorker,
     kLastWorker = kFirstWorker + 2,
     kHandler,
     kCallback,
     kSource,
-    kActors
+    kHolders
 };
 
 constexpr size_t most_requests = 32;
 constexpr int32_t go = 1000; // the application's message to its handler
 
 struct Request {
-    Unordered<Actor> actor{kActors};
+    Unordered<Holder> holder{kHolders};
     Unordered<int32_t> state{0};
     Unordered<uint32_t> answers{0};
 };
@@ -48,14 +48,14 @@ public:
     void play();
 
     void answer(size_t request, int32_t state, int32_t result);
-    void handle(int32_t code);
+    void handle(const std::string &name, int32_t code, const std::string &text);
     int32_t finalize(void *pipe);
 
 private:
     void build();
-    void act_as(Actor actor);
-    void ask(Actor actor, Dice &dice, uint32_t count);
-    void leave(Actor actor);
+    void act_as(Holder holder);
+    void ask(Holder holder, Dice &dice, uint32_t count);
+    void leave(Holder holder);
     void take_at_sink();
     void finish();
     void check_requests() const;
@@ -63,10 +63,10 @@ private:
 
     const uint64_t m_run;
     Dice m_dice{m_run};
-    bool m_takes_part[kActors] = {};
+    bool m_takes_part[kHolders] = {};
     bool m_handler_changes; // the state by itself, and nobody asks
-    NOXPipe *m_pipe = nullptr;
-    std::vector<NOXPlugin *> m_members;
+    Watch m_watch;
+    NOXPipe *const m_pipe = m_watch.pipe;
 
     Request m_requests[most_requests];
     Unordered<size_t> m_asked{0};
@@ -75,9 +75,9 @@ private:
     Unordered<bool> m_began{false};
     Unordered<bool> m_over{false};
     OSA_Event *m_gone = OSA_EventCreate(0); // sent when it is over
-    Unordered<Actor> m_deleter{kActors};
+    Unordered<Holder> m_deleter{kHolders};
 
-    // Of one actor each.
+    // Of one holder each.
     Dice m_handler_dice{m_run, kHandler};
     Dice m_callback_dice{m_run, kCallback};
     Dice m_source_dice{m_run, kSource};
@@ -87,7 +87,7 @@ private:
 };
 
 Story *g_story = nullptr;
-thread_local Actor t_actor; // who gives back a reference
+thread_local Holder t_actor; // who gives back a reference
 
 // A callback of its own for each request: it is given nothing to tell them apart by.
 template <size_t number>
@@ -127,30 +127,32 @@ Story::~Story()
 // Two chains, of which one has a filter and the other may be no live one.
 void Story::build()
 {
-    script("s2").live = m_dice.chance(70);
-    for (const char *name : {"s", "s2"}) {
-        script(name).interval_ms = m_dice.between(1, 20);
-        m_members.push_back(new_source(name));
-        reinterpret_cast<NOXBaseSrc *>(m_members.back())->waitallsrc = 0;
-    }
-    for (NOXPlugin *member : {new_filter("f"), new_sink("k"), new_sink("k2")})
-        m_members.push_back(member);
-    script("k").take = [this](NOXBuffer *) {
+    Actor &source = m_watch.source("s", {.interval_ms = m_dice.between(1, 20)});
+    Actor &other =
+        m_watch.source("s2", {.live = m_dice.chance(70), .interval_ms = m_dice.between(1, 20)});
+    for (Actor *waiting : {&source, &other})
+        waiting->base()->waitallsrc = 0;
+    Actor &filter = m_watch.filter("f");
+    Actor &sink = m_watch.sink("k");
+    Watch::link(source, filter);
+    Watch::link(filter, sink);
+    Watch::link(other, m_watch.sink("k2"));
+    sink.script->take = [this, take = sink.script->take](NOXBuffer *buffer) {
+        const int32_t answer = take(buffer);
         take_at_sink();
-        return 0;
+        return answer;
     };
-    m_pipe = new_pipe({{m_members[0], m_members[2], m_members[3]}, {m_members[1], m_members[4]}});
     m_pipe->plugin.object.finalize = [](void *pipe) { return g_story->finalize(pipe); };
     nox_pipe_set_bus_handler(
         m_pipe,
-        [](NOXBus *, void *, const char *, int32_t code, const char *) {
-            g_story->handle(code);
+        [](NOXBus *, void *, const char *name, int32_t code, const char *text) {
+            g_story->handle(name, code, text != nullptr ? text : "");
             return 0;
         },
         nullptr);
 }
 
-void Story::ask(Actor actor, Dice &dice, uint32_t count)
+void Story::ask(Holder holder, Dice &dice, uint32_t count)
 {
     static constexpr int32_t any[] = {NOX_STATE_NULL, NOX_STATE_READY, NOX_STATE_PAUSE,
                                       NOX_STATE_PLAY};
@@ -163,7 +165,7 @@ void Story::ask(Actor actor, Dice &dice, uint32_t count)
         const size_t number = ++m_asked - 1;
         ASSERT_LT(number, most_requests);
         const int32_t state = m_takes_part[kSource] ? dice.one_of(running) : dice.one_of(any);
-        m_requests[number].actor = actor;
+        m_requests[number].holder = holder;
         m_requests[number].state = state;
         EXPECT_EQ(
             0, nox_pipe_set_state_async(
@@ -171,9 +173,9 @@ void Story::ask(Actor actor, Dice &dice, uint32_t count)
     }
 }
 
-void Story::leave(Actor actor)
+void Story::leave(Holder holder)
 {
-    t_actor = actor;
+    t_actor = holder;
     nox_object_delete(m_pipe);
 }
 
@@ -182,6 +184,7 @@ int32_t Story::finalize(void *pipe)
     EXPECT_FALSE(m_began) << "deleted twice";
     m_deleter = t_actor;
     m_began = true;
+    m_watch.note_deletion();
     const int32_t result = nox_pipe_finalize(pipe);
     m_over = true;
     OSA_EventSend(m_gone);
@@ -193,7 +196,7 @@ void Story::answer(size_t request, int32_t state, int32_t result)
     EXPECT_FALSE(m_over) << "answered after the deletion";
     EXPECT_EQ(1u, ++m_requests[request].answers);
     EXPECT_EQ(m_requests[request].state, state);
-    EXPECT_EQ(0, result);
+    m_watch.expect_changed(state, result);
     ++m_answered;
     if (m_began)
         ++m_late_answers;
@@ -205,14 +208,15 @@ void Story::answer(size_t request, int32_t state, int32_t result)
         ask(kCallback, m_callback_dice, 1); // or there might be no further one
 }
 
-void Story::handle(int32_t code)
+void Story::handle(const std::string &name, int32_t code, const std::string &text)
 {
     EXPECT_FALSE(m_over) << "a message after the deletion";
+    m_watch.see_message(name, code, text);
     if (code != go)
         return;
     OSA_ThreadSleep(m_handler_dice.below(3));
     if (m_handler_changes)
-        nox_pipe_set_state(m_pipe, static_cast<int32_t>(m_handler_dice.below(4)));
+        m_watch.to(static_cast<int32_t>(m_handler_dice.below(4)));
     ask(kHandler, m_handler_dice, m_handler_dice.below(3));
     EXPECT_FALSE(m_over) << "deleted under its handler";
     if (--m_gos_left > 0)
@@ -230,33 +234,33 @@ void Story::take_at_sink()
     leave(kSource);
 }
 
-void Story::act_as(Actor actor)
+void Story::act_as(Holder holder)
 {
-    Dice dice(m_run, actor);
+    Dice dice(m_run, holder);
     for (uint32_t round = dice.below(3); round > 0; --round) {
         OSA_ThreadSleep(dice.below(15));
-        ask(actor, dice, dice.below(3));
+        ask(holder, dice, dice.below(3));
     }
     const size_t asked = m_asked;
     if (dice.chance(30)) {
         EXPECT_TRUE(wait_until([&] { return m_answered >= asked; })) << "requests got lost";
     }
-    leave(actor);
+    leave(holder);
 }
 
 void Story::play()
 {
     build();
     if (m_takes_part[kSource] || m_handler_changes || m_dice.chance(50))
-        nox_pipe_set_state(m_pipe, NOX_STATE_PLAY);
-    for (int actor = kFirstWorker; actor < kActors; ++actor)
-        if (m_takes_part[actor])
+        m_watch.to(NOX_STATE_PLAY);
+    for (int holder = kFirstWorker; holder < kHolders; ++holder)
+        if (m_takes_part[holder])
             nox_object_refer(m_pipe);
     {
         std::deque<Worker> workers;
-        for (int actor = kFirstWorker; actor <= kLastWorker; ++actor)
-            if (m_takes_part[actor])
-                workers.emplace_back([this, actor] { act_as(static_cast<Actor>(actor)); });
+        for (int holder = kFirstWorker; holder <= kLastWorker; ++holder)
+            if (m_takes_part[holder])
+                workers.emplace_back([this, holder] { act_as(static_cast<Holder>(holder)); });
         nox_bus_post_error(m_pipe->busref, "application", go, nullptr);
         ask(kApplication, m_dice, m_takes_part[kCallback] ? 1 : 0);
         act_as(kApplication);
@@ -270,45 +274,42 @@ void Story::finish()
 {
     if (m_deleter == kSource) { // whose code was running: the pipe has left its plugins alone
         EXPECT_EQ(0u, script("f").finalized);
-        for (NOXPlugin *member : m_members)
-            nox_plugin_setstate(member, NOX_STATE_NULL);
-        for (NOXPlugin *member : m_members)
-            nox_object_delete(member);
+        for (const Actor &member : m_watch.actors)
+            nox_plugin_setstate(member.plugin, NOX_STATE_NULL);
+        for (const Actor &member : m_watch.actors)
+            nox_object_delete(member.plugin);
     }
     if (m_dice.chance(50)) { // else the library is shut down while the handler returns
         OSA_ThreadSleep(1);
         nox_object_delete(nox_pipe_new("next"));
         EXPECT_EQ(0u, alive().threads) << "the next pipe has joined the thread that was left";
     }
-    for (const char *name : {"s", "s2", "f", "k", "k2"}) {
-        EXPECT_EQ(1u, script(name).finalized) << name;
-        EXPECT_TRUE(script(name).started == 0 || script(name).stopped > 0) << name;
-    }
+    m_watch.expect_gone();
     check_requests();
     check_traces();
 }
 
-// Those that were dropped are the last that their actor asked for.
+// Those that were dropped are the last that their holder asked for.
 void Story::check_requests() const
 {
-    bool dropped[kActors] = {};
+    bool dropped[kHolders] = {};
     for (size_t i = 0; i < m_asked; ++i) {
         const Request &request = m_requests[i];
-        EXPECT_FALSE(dropped[request.actor] && request.answers > 0) << "carried out of order";
-        dropped[request.actor] |= request.answers == 0;
+        EXPECT_FALSE(dropped[request.holder] && request.answers > 0) << "carried out of order";
+        dropped[request.holder] |= request.answers == 0;
     }
     EXPECT_LE(m_late_answers, 1u);
 }
 
 void Story::check_traces() const
 {
-    const std::pair<Actor, const char *> places[] = {
-        {kHandler, "pipe(player) deleted in its own bus handler"},
-        {kCallback, "pipe(player) deleted on its own control thread"},
-        {kSource, "pipe(player) deleted on the thread of its source (s)"},
+    const std::pair<Holder, const char *> places[] = {
+        {kHandler, "pipe(watched) deleted in its own bus handler"},
+        {kCallback, "pipe(watched) deleted on its own control thread"},
+        {kSource, "pipe(watched) deleted on the thread of its source (s)"},
     };
-    for (const auto &[actor, text] : places)
-        EXPECT_EQ(m_deleter == actor ? 1u : 0u, traced("noxpipe", 1, text)) << text;
+    for (const auto &[holder, text] : places)
+        EXPECT_EQ(m_deleter == holder ? 1u : 0u, traced("noxpipe", 1, text)) << text;
 }
 
 void run_story(uint64_t run)
