@@ -188,7 +188,8 @@ NOX_API int32_t nox_plugin_init(NOXPlugin *plugin);
 NOX_API int32_t nox_plugin_start(NOXPlugin *plugin);
 
 /** Clears `started`, waits up to 300 ms for a chain call in progress, and returns what
- * stop_func answers, 0 without one. That of a source waits for its thread to end.
+ * stop_func answers, 0 without one. That of a source waits for its thread to end. The
+ * plugin is written to after stop_func, which must not give back the last reference.
  * Checked. */
 NOX_API int32_t nox_plugin_stop(NOXPlugin *plugin);
 

@@ -87,29 +87,51 @@ void account(NOXBaseSink *sink, NOXBuffer *buffer)
 
 // ---- the clock ----------------------------------------------------------------
 
-// Tells a pusher that has waited long enough: its source is stopped or paused, and
-// that may be waiting for this very thread. A source that pushes on a thread of its
-// plugin's own is found by the links. One that was not started when the wait began tells
-// only of a stop under way, which another branch of the push may have noticed before.
+// Tells a pusher that has waited long enough: its source is stopped or paused, or a plugin
+// on its way is stopped, and that may be waiting for this very thread. A source or filter
+// that pushes on a thread of its own is found by the links. A source that was not started
+// when the wait began tells only of a stop under way, which another branch of the push may
+// have noticed before.
 class CallBack
 {
 public:
-    explicit CallBack(const NOXPlugin *sink) : m_source(sink)
+    explicit CallBack(const NOXPlugin *sink) : m_sink(sink)
     {
-        nox::CircleWatch circle;
-        while (m_source->prev != nullptr && !circle.is_closed_by(m_source))
-            m_source = m_source->prev;
-        m_was_started = nox::load_acquire(m_source->started);
+        m_was_started = nox::load_acquire(look_upstream().source->started);
     }
 
     bool has_come() const
     {
-        return nox::pushing_source_is_called_back() || nox::load_acquire(m_source->stopping_) ||
-               (m_was_started && !nox::load_acquire(m_source->started));
+        if (nox::pushing_source_is_called_back())
+            return true;
+        const Upstream upstream = look_upstream();
+        return upstream.is_stopped ||
+               (m_was_started && !nox::load_acquire(upstream.source->started));
     }
 
 private:
-    const NOXPlugin *m_source;
+    struct Upstream {
+        const NOXPlugin *source;
+        bool is_stopped; // one of all, at this moment
+    };
+
+    static bool is_stopped(const NOXPlugin *plugin)
+    {
+        return nox::load_acquire(plugin->stopping_) != 0;
+    }
+
+    Upstream look_upstream() const
+    {
+        nox::CircleWatch circle;
+        Upstream upstream{m_sink, m_sink->prev == nullptr && is_stopped(m_sink)};
+        while (upstream.source->prev != nullptr && !circle.is_closed_by(upstream.source)) {
+            upstream.source = upstream.source->prev;
+            upstream.is_stopped |= is_stopped(upstream.source);
+        }
+        return upstream;
+    }
+
+    const NOXPlugin *m_sink;
     bool m_was_started;
 };
 

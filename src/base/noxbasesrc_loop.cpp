@@ -108,7 +108,8 @@ Step SourceThread::leave_pause(int32_t state)
 
 // The create function gives a reference with each buffer. One that it gives twice may
 // be gone when it comes again: its record, back in the pool, still says so until it is
-// taken for another buffer.
+// taken for another buffer. (Pools keep their blocks; a record of a size of its own goes
+// back to the heap, and nothing can be told of it.)
 bool SourceThread::is_released(const NOXBuffer *buffer)
 {
     if (load_relaxed(buffer->object.refcount) != 0)

@@ -1,6 +1,8 @@
 // The base sink: throughput, the wait for the clock, messages, events. And the
 // base filter's fixed answers.
 
+#include <memory>
+
 #include "tests/core/on_stage.h"
 
 namespace
@@ -181,6 +183,33 @@ TEST_F(Sink, ThatWaitsForAClockThatNeverStartsLetsItsSourceStop)
     OSA_ThreadSleep(1000);
     EXPECT_EQ(0u, script("k").taken);
     to(NOX_STATE_NULL);
+}
+
+TEST_F(Sink, ThatWaitsForAClockThatNeverStartsLetsAFilterJoinItsThread)
+{
+    NOXPlugin *source = member(new_source("s")), *filter = member(new_filter("f"));
+    nox_plugin_link_many(source, filter, sink, nullptr);
+    set_option(sink, NOX_TYPE_BOOL, "sync", 1);
+    script("s").start_result = -1;
+    std::atomic<bool> ends{false};
+    std::unique_ptr<Worker> worker;
+    const auto push_on = [&] {
+        for (; !ends; OSA_ThreadSleep(1)) {
+            NOXBuffer *buffer = nox_buffer_new(10);
+            nox_plugin_push_buffer(filter, buffer);
+            nox_object_delete(buffer);
+        }
+    };
+    script("f").on_start = [&] { worker = std::make_unique<Worker>(push_on); };
+    script("f").on_stop = [&] {
+        OSA_ThreadSleep(50); // the source has stopped, and is not waited for any more
+        ends = true;
+        worker.reset();
+    };
+    EXPECT_EQ(-1, nox_pipe_set_state(pipe, NOX_STATE_PLAY));
+    OSA_ThreadSleep(50);
+    to(NOX_STATE_NULL);
+    EXPECT_EQ(nullptr, worker);
 }
 
 TEST_F(Sink, ReportsItsFirstDataOnce)
