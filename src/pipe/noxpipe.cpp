@@ -6,7 +6,6 @@
 #include "core/own_loop.h"
 #include "internal/atomic_field.h"
 #include "internal/guard.h"
-#include "noxbasesrc.h"
 #include "pipe/noxpipe_internal.h"
 #include "plugin/own_thread.h"
 #include "timing/bus_thread.h"
