@@ -293,7 +293,7 @@ void Watch::expect_changed(int32_t state, int32_t result)
     if (result != 0)
         return;
     for (const Actor &actor : actors)
-        if (actor.plugin->issrc || actor.plugin->prev != nullptr) {
+        if (!actor.is_apart) {
             EXPECT_STREQ(nox_plugin_state_str(state), nox_plugin_state_str(state_of(actor)))
                 << actor.name;
         }

@@ -88,6 +88,9 @@ struct Actor {
     std::function<void(NOXBuffer *)> adorn = nullptr;       // the last word on a fresh buffer
     std::function<void(int32_t state)> on_change = nullptr; // before it is made
 
+    // Sinks: linked to nothing, so that no change of the pipe reaches it.
+    bool is_apart = false;
+
     // Filters and sinks: what a buffer costs, and the answer to it.
     Unordered<uint32_t> take_ms{0};
     Unordered<int32_t> answer{0};
@@ -139,8 +142,7 @@ public:
 
     // nox_pipe_set_state with everything that must hold after it.
     int32_t to(int32_t state);
-    // What must hold after a change that somebody else made; of plugins linked to nothing it
-    // asks for no state.
+    // What must hold after a change that somebody else made.
     void expect_changed(int32_t state, int32_t result);
     // The same request on the control thread, which it waits for.
     void to_async(int32_t state);

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <deque>
 #include <iterator>
-#include <map>
 
 #include "soak/campaigns.h"
 #include "soak/dice.h"
@@ -25,16 +24,12 @@ namespace
 constexpr uint32_t buffer_size = 100;
 constexpr uint32_t longest_interval_ms = 20;
 constexpr uint32_t longest_filter_ms = 60;
-constexpr uint32_t most_lent = 2; // output buffers that the sink has
+constexpr uint32_t ended_source_ms = 100; // its pause between captures
+constexpr uint32_t most_lent = 2;         // output buffers that the sink has
 constexpr int32_t own_event = 100;
 constexpr int32_t made_by_filter = 7; // a media type
 
 enum Filter { kPasses, kTakesTime, kCutsAnew, kCopies };
-
-NOXBaseSrc *as_source(NOXPlugin *plugin)
-{
-    return reinterpret_cast<NOXBaseSrc *>(plugin);
-}
 
 NOXBaseSink *as_sink(NOXPlugin *plugin)
 {
@@ -56,8 +51,8 @@ public:
 private:
     // The plugins.
     void build();
-    void watch(const char *name);
-    void watch_sink(NOXPlugin *sink);
+    void watch(Actor &actor);
+    void watch_sink(Actor &sink);
     static NOXBuffer *lend(void *story, NOXBufferRequest *request);
     static int32_t take_back(NOXBuffer *buffer);
     NOXBuffer *create();
@@ -65,7 +60,7 @@ private:
     void cut_anew(NOXBuffer *buffer);
     void copy(NOXBuffer *buffer);
     void push_own(NOXBuffer *own, NOXBuffer *buffer);
-    void render(const char *name, NOXBuffer *buffer);
+    void render(NOXBuffer *buffer);
     void check_bytes(NOXBuffer *buffer);
     void check_time(NOXBuffer *buffer);
     void show(NOXBuffer *buffer);
@@ -84,14 +79,14 @@ private:
 
     const uint64_t m_run;
     Dice m_dice{m_run};
-    NOXPlugin *m_source = nullptr;
+    Watch m_watch;
+    NOXPipe *const m_pipe = m_watch.pipe;
+    Actor *m_source = nullptr;
     NOXPlugin *m_filter = nullptr;
     NOXPlugin *m_sink = nullptr;
-    NOXPlugin *m_branch = nullptr; // linked beside it
-    NOXPlugin *m_spare = nullptr;  // to be linked in its place
-    NOXPlugin *m_last = nullptr;   // of the chain that ends by itself
-    NOXPipe *m_pipe = nullptr;
-    Inbox m_inbox;
+    Actor *m_branch = nullptr;   // linked beside it
+    Actor *m_spare = nullptr;    // to be linked in its place
+    NOXPlugin *m_last = nullptr; // of the chain that ends by itself
 
     Filter m_kind = static_cast<Filter>(m_dice.below(4));
     uint32_t m_ahead_ms = m_dice.chance(50) ? m_dice.below(200) : 0; // stamps after the clock
@@ -99,7 +94,6 @@ private:
     bool m_meddles = m_dice.chance(50); // with the clock
     bool m_parked = false;
     Unordered<uint32_t> m_acts{0}; // odd: the application is at it
-    std::map<std::string, uint32_t> m_starts_at_stop;
 
     // Of the source's thread, and of the application's while that stands still.
     Dice m_chain_dice{m_run, 1};
@@ -136,49 +130,62 @@ private:
 
 // ---- the plugins ----------------------------------------------------------------
 
-void Story::watch(const char *name)
+void Story::watch(Actor &actor)
 {
-    script(name).on_stop = [this, name] {
-        EXPECT_EQ(0u, m_in_chain) << name << " stopped during a chain call";
-        m_starts_at_stop[name] = script(name).started;
+    actor.script->on_stop = [this, &actor, see = actor.script->on_stop] {
+        see();
+        EXPECT_EQ(0u, m_in_chain) << actor.name << " stopped during a chain call";
     };
 }
 
-void Story::watch_sink(NOXPlugin *sink)
+void Story::watch_sink(Actor &sink)
 {
-    const char *name = sink->object.name;
-    watch(name);
-    script(name).take = [this, name](NOXBuffer *buffer) {
-        render(name, buffer);
-        return 0;
+    watch(sink);
+    sink.script->take = [this, &sink, see = sink.script->take](NOXBuffer *buffer) {
+        const Inside inside(m_in_chain);
+        const int32_t answer = see(buffer);
+        if (sink.plugin == m_sink)
+            render(buffer);
+        else
+            OSA_ThreadSleep(m_chain_dice.below(m_longest_render_ms));
+        return answer;
     };
 }
 
 void Story::build()
 {
-    m_source = new_source("s");
-    m_filter = new_filter("f");
-    m_sink = new_sink("k");
-    m_branch = new_sink("branch");
-    m_spare = new_sink("spare");
-    m_last = new_sink("last");
-    NOXPlugin *ending = new_source("ending");
-    for (NOXPlugin *sink : {m_sink, m_branch, m_spare})
-        watch_sink(sink);
-    watch("f");
-    script("s").create = [this](NOXBaseSrc *) { return create(); };
-    script("f").take = [this](NOXBuffer *buffer) { return filter(buffer); };
-    script("ending").live = false;
-    script("ending").buffers = m_dice.below(10);
-    as_source(m_source)->privatets = 1;
-    as_source(m_source)->waitallsrc = 0;
+    m_source = &m_watch.source("s");
+    Actor &filter = m_watch.filter("f");
+    Actor &sink = m_watch.sink("k");
+    Actor &ending = m_watch.source("ending", {.live = false, .interval_ms = longest_interval_ms});
+    Actor &last = m_watch.sink("last");
+    Actor &branch = m_watch.sink("branch");
+    Actor &spare = m_watch.sink("spare");
+    m_filter = filter.plugin;
+    m_sink = sink.plugin;
+    m_last = last.plugin;
+    m_branch = &branch;
+    m_spare = &spare;
+    spare.is_apart = true;
+    Watch::link(*m_source, filter);
+    Watch::link(filter, sink);
+    Watch::link(filter, branch);
+    Watch::link(ending, last);
+    for (Actor *rendering : {&sink, &branch, &spare})
+        watch_sink(*rendering);
+    watch(filter);
+    m_source->script->create = [this](NOXBaseSrc *) { return create(); };
+    filter.script->take = [this, see = filter.script->take](NOXBuffer *buffer) {
+        const int32_t answer = see(buffer);
+        return answer != 0 ? answer : this->filter(buffer);
+    };
+    ending.has_data = [&ending, last = m_dice.below(10)] { return ending.numbered < last; };
+    m_source->base()->privatets = 1;
+    m_source->base()->waitallsrc = 0;
     as_sink(m_sink)->sync = 1;
     NOXAllocator *allocator = nox_allocator_new(this);
     nox_allocator_set_allocate_func(allocator, lend);
     nox_plugin_set_allocator(m_sink, allocator);
-    m_pipe = new_pipe({{m_source, m_filter, m_sink}, {ending, m_last}, {m_branch}, {m_spare}});
-    nox_plugin_link(m_filter, m_branch);
-    m_inbox.attach(m_pipe);
 }
 
 // One of few output buffers, or null.
@@ -199,14 +206,18 @@ int32_t Story::take_back(NOXBuffer *)
     return 0;
 }
 
-// A byte stream that goes on from buffer to buffer.
+// A byte stream that goes on from buffer to buffer. Before each there is room for the number
+// of what the filter makes of it.
 NOXBuffer *Story::create()
 {
+    m_watch.see_production(*m_source);
     OSA_ThreadSleep(m_chain_dice.between(1, longest_interval_ms));
     NOXBuffer *buffer = nox_buffer_new(buffer_size);
     auto *bytes = bytes_of(buffer);
     for (uint32_t i = 0; i < buffer_size; ++i)
         bytes[i] = m_next_byte++;
+    m_watch.sign(*m_source, buffer);
+    nox_buffer_set_index(buffer, 2 * nox_buffer_get_index(buffer));
     nox_buffer_set_timestamp(buffer, nox_pipe_get_time(m_pipe) + m_ahead_ms);
     return buffer;
 }
@@ -257,6 +268,8 @@ void Story::copy(NOXBuffer *buffer)
 void Story::push_own(NOXBuffer *own, NOXBuffer *buffer)
 {
     nox_buffer_set_mediatype(own, made_by_filter);
+    nox_buffer_set_private(own, m_source);
+    nox_buffer_set_index(own, nox_buffer_get_index(buffer) - 1);
     nox_buffer_set_timestamp(own, nox_buffer_get_timestamp(buffer));
     m_pushed_acts = m_acts;
     m_pushed_reading = nox_pipe_get_time(m_pipe);
@@ -264,14 +277,8 @@ void Story::push_own(NOXBuffer *own, NOXBuffer *buffer)
     nox_object_delete(own);
 }
 
-void Story::render(const char *name, NOXBuffer *buffer)
+void Story::render(NOXBuffer *buffer)
 {
-    const Inside inside(m_in_chain);
-    EXPECT_GT(script(name).started, m_starts_at_stop[name]) << name << " is not started";
-    if (std::strcmp(name, "k") != 0) {
-        OSA_ThreadSleep(m_chain_dice.below(m_longest_render_ms));
-        return;
-    }
     check_time(buffer);
     const bool own = nox_buffer_get_mediatype(buffer) == made_by_filter;
     if (own == (m_kind == kCutsAnew || m_kind == kCopies))
@@ -326,10 +333,11 @@ void Story::change_state(int32_t state)
 {
     const int32_t previous = nox_pipe_get_state(m_pipe);
     const uint64_t begin = SIM_Tick();
-    EXPECT_EQ(0, nox_pipe_set_state(m_pipe, state));
+    EXPECT_EQ(0, m_watch.to(state));
     const uint64_t longest =
         longest_interval_ms + longest_filter_ms + 2 * (m_ahead_ms + m_longest_render_ms) + 20;
-    EXPECT_LE(SIM_Tick() - begin, longest) << "longer than a whole chain call";
+    const uint64_t other = state == NOX_STATE_NULL ? ended_source_ms : 0; // stopped afterwards
+    EXPECT_LE(SIM_Tick() - begin, longest + other) << "longer than a whole chain call";
     m_parked = state == NOX_STATE_PAUSE && (previous == NOX_STATE_PLAY || m_parked);
     if (state == NOX_STATE_NULL || m_parked)
         expect_standstill();
@@ -359,6 +367,7 @@ void Story::meddle_with_clock()
         EXPECT_EQ(0, nox_pipe_set_clockrate(m_pipe, m_dice.one_of(rates)));
         break;
     case 1:
+        m_watch.note_clock_moved();
         EXPECT_EQ(0, nox_timer_settime(nox_pipe_get_timer(m_pipe), m_dice.below(300)));
         break;
     default:
@@ -377,13 +386,15 @@ void Story::exchange_sinks()
 {
     if (nox_pipe_get_state(m_pipe) != NOX_STATE_NULL && !m_parked)
         return;
-    EXPECT_EQ(0, nox_plugin_linkexch(m_filter, m_branch, m_spare));
+    EXPECT_EQ(0, nox_plugin_linkexch(m_filter, m_branch->plugin, m_spare->plugin));
     if (m_parked) {
-        EXPECT_EQ(0, nox_plugin_setstate(m_spare, NOX_STATE_PLAY));
-        EXPECT_EQ(0, nox_plugin_setstate(m_spare, NOX_STATE_PAUSE));
-        EXPECT_EQ(0, nox_plugin_setstate(m_branch, NOX_STATE_NULL));
+        EXPECT_EQ(0, nox_plugin_setstate(m_spare->plugin, NOX_STATE_PLAY));
+        EXPECT_EQ(0, nox_plugin_setstate(m_spare->plugin, NOX_STATE_PAUSE));
+        EXPECT_EQ(0, nox_plugin_setstate(m_branch->plugin, NOX_STATE_NULL));
     }
     std::swap(m_branch, m_spare);
+    m_branch->is_apart = false;
+    m_spare->is_apart = true;
 }
 
 void Story::act()
@@ -406,7 +417,7 @@ void Story::expect_to_play_on()
 {
     ++m_acts;
     change_state(NOX_STATE_NULL);
-    EXPECT_EQ(0, nox_pipe_set_state(m_pipe, NOX_STATE_PLAY));
+    EXPECT_EQ(0, m_watch.to(NOX_STATE_PLAY));
     if (m_meddles) // at rate 0 the clock might stand at 0, for which the sink waits
         nox_pipe_set_clockrate(m_pipe, 1.0f);
     ++m_acts;
@@ -419,11 +430,12 @@ void Story::finish()
     ++m_acts;
     change_state(NOX_STATE_NULL);
     const auto has_ended = [](NOXPlugin *sink) { return nox_basesink_get_eos(sink) != 0; };
-    NOXPlugin *sinks[] = {m_sink, m_branch, m_spare, m_last};
+    NOXPlugin *sinks[] = {m_sink, m_branch->plugin, m_spare->plugin, m_last};
     if (std::all_of(std::begin(sinks), std::end(sinks), has_ended)) {
-        EXPECT_TRUE(wait_until([this] { return m_inbox.count(NOX_MSG_EOS) > 0; }, 100));
+        EXPECT_TRUE(wait_until([this] { return m_watch.messages(NOX_MSG_EOS) > 0; }, 100));
     }
-    nox_object_delete(m_pipe);
+    m_watch.expect_delivered();
+    m_watch.remove();
     EXPECT_EQ(0u, m_lent);
 }
 
