@@ -13,6 +13,7 @@ namespace
 constexpr int32_t kNumbered = 0x7100; // a message with its number as text
 constexpr uint32_t kLastBuffers = 3;  // before a clean end
 constexpr uint64_t kCleanEndMs = 120'000;
+constexpr uint32_t kLookMs = 10; // a look costs as much as a buffer
 
 bool is_running(const Actor &actor)
 {
@@ -279,7 +280,9 @@ int32_t Watch::to(int32_t state)
 {
     if (state == nox_pipe_get_state(pipe)) // nothing is done, wherever the plugins are
         return nox_pipe_set_state(pipe, state);
+    is_changing = true;
     const int32_t result = nox_pipe_set_state(pipe, state);
+    is_changing = false;
     expect_changed(state, result);
     return result;
 }
@@ -314,8 +317,10 @@ void Watch::to_async(int32_t state)
 {
     const bool changes = state != nox_pipe_get_state(pipe);
     g_answered = OSA_EventCreate(0);
+    is_changing = true;
     EXPECT_EQ(0, nox_pipe_set_state_async(pipe, state, keep_answer));
     OSA_EventWait(g_answered, OSA_WAIT_FOREVER);
+    is_changing = false;
     OSA_EventDestroy(g_answered);
     if (changes)
         expect_changed(state, g_result);
@@ -401,10 +406,16 @@ void Watch::forget_stamps(const Actor &source)
 
 void Watch::expect_flow()
 {
-    for (const Actor &actor : actors) {
-        const uint32_t before = actor.script->taken;
-        const auto has_moved = [&] { return actor.plugin->issrc || actor.script->taken > before; };
-        EXPECT_TRUE(wait_until(has_moved, kCleanEndMs)) << actor.name << " gets no buffers";
+    std::vector<uint32_t> before;
+    for (const Actor &actor : actors)
+        before.push_back(actor.script->taken);
+    for (size_t i = 0; i < actors.size(); ++i) {
+        const Actor &actor = actors[i];
+        const auto has_moved = [&] {
+            return actor.plugin->issrc || actor.script->taken > before[i];
+        };
+        EXPECT_TRUE(wait_until(has_moved, kCleanEndMs, kLookMs))
+            << actor.name << " gets no buffers";
     }
 }
 
@@ -453,8 +464,8 @@ void Watch::expect_clean_end()
     const uint32_t before = messages(NOX_MSG_EOS);
     EXPECT_EQ(0, to(NOX_STATE_PLAY));
     if (ends) {
-        EXPECT_TRUE(wait_until([&] { return messages(NOX_MSG_EOS) > before; }, kCleanEndMs))
-            << "no end of stream";
+        const auto has_ended = [&] { return messages(NOX_MSG_EOS) > before; };
+        EXPECT_TRUE(wait_until(has_ended, kCleanEndMs, kLookMs)) << "no end of stream";
     }
     EXPECT_EQ(0, to(NOX_STATE_NULL));
     expect_delivered();

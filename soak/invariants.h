@@ -146,6 +146,7 @@ public:
     void expect_changed(int32_t state, int32_t result);
     // The same request on the control thread, which it waits for.
     void to_async(int32_t state);
+    Unordered<bool> is_changing{false}; // in one of these
     // One chain, from its source down.
     void chain_to(Actor &any, int32_t state);
 

@@ -264,13 +264,13 @@ int32_t Inbox::receive(NOXBus *, void *inbox, const char *name, int32_t code, co
     return 0;
 }
 
-bool wait_until(const std::function<bool()> &condition, uint64_t limit_ms)
+bool wait_until(const std::function<bool()> &condition, uint64_t limit_ms, uint32_t step_ms)
 {
     const uint64_t limit = SIM_Tick() + limit_ms;
     while (!condition()) {
         if (SIM_Tick() >= limit)
             return false;
-        OSA_ThreadSleep(1);
+        OSA_ThreadSleep(step_ms);
     }
     return true;
 }

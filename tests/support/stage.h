@@ -108,7 +108,9 @@ private:
     std::vector<Posted> m_messages;
 };
 
-// Lets virtual time pass until `condition` holds; false after `limit_ms`.
-bool wait_until(const std::function<bool()> &condition, uint64_t limit_ms = 60'000);
+// Lets virtual time pass until `condition` holds, which is looked at every `step_ms`; false
+// after `limit_ms`.
+bool wait_until(const std::function<bool()> &condition, uint64_t limit_ms = 60'000,
+                uint32_t step_ms = 1);
 
 #endif
