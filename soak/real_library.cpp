@@ -1,16 +1,11 @@
 #include "soak/real_library.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <chrono>
 #include <fstream>
 #include <string>
 #include <thread>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-extern "C" size_t __sanitizer_get_current_allocated_bytes();
-#endif
 
 namespace soak
 {
@@ -52,15 +47,6 @@ OSA_Alive alive()
     OSA_Alive alive;
     OSA_AliveGet(&alive);
     return alive;
-}
-
-uint64_t heap_bytes()
-{
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return __sanitizer_get_current_allocated_bytes();
-#else
-    return mallinfo2().uordblks;
-#endif
 }
 
 uint32_t thread_count()

@@ -25,9 +25,6 @@ public:
 // What the OS layer counts.
 OSA_Alive alive();
 
-// Heap bytes in use: of the whole process, as its allocator counts them.
-uint64_t heap_bytes();
-
 // Threads of the process, as the kernel counts them.
 uint32_t thread_count();
 
