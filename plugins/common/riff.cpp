@@ -155,7 +155,7 @@ const char *ChunkWalk::find_samples(WavLayout &layout)
         return "not a WAV file";
     ChunkHeader chunk;
     for (uint32_t count = 0; count < kMostChunks; ++count) {
-        if (!read_chunk(chunk))
+        if (!read_chunk(chunk) || chunk.is("\0\0\0")) // no chunk, but the zeros of a hole
             return "it ends before its samples";
         if (chunk.is("data")) {
             measure(chunk, layout);
