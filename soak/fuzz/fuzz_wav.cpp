@@ -25,6 +25,7 @@ namespace
 
 constexpr uint32_t kMostBuffers = 24;      // taken of one file
 constexpr uint32_t kMostBytes = 0x1000000; // of one buffer
+constexpr size_t kMostSamples = 0x4000000; // bytes of all, which are kept here
 constexpr uint32_t kLoop = 2;
 
 struct Input {
@@ -170,7 +171,8 @@ void check_play(NOXPlugin *plugin)
     Played played;
     NOXBuffer *buffer = nullptr;
     uint32_t count = 0;
-    while (count++ < kMostBuffers && (buffer = source->create_func(source)) != nullptr)
+    while (count++ < kMostBuffers && played.samples.size() < kMostSamples &&
+           (buffer = source->create_func(source)) != nullptr)
         take(buffer, facts, played);
     if (buffer == nullptr && SIM_FailedCount() == 0 && SIM_TraceCount("has shrunk", 1) == 0)
         check_whole(facts, played);
