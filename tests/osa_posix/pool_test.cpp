@@ -249,6 +249,7 @@ TEST_F(Layers, RefuseNothingAndTellWhatTheEnvironmentAnswers)
     EXPECT_EQ(-1, OSA_snprintf(text, sizeof(text), nullptr));
     EXPECT_EQ(0, OSA_SystemInit(nullptr)) << "a second time is harmless";
     OSA_SystemUnInit([]() -> int32_t { return 7; });
+    OSA_SystemUnInit([]() -> int32_t { return 8; }); // and so is that
     EXPECT_EQ("2 unloading the environment failed: 7\n", traced());
     OSA_SystemInit(nullptr);
 }
