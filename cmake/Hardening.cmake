@@ -11,13 +11,16 @@ check_pie_supported()
 
 set(NOX_OPTIMISED "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
 
-# nox_harden(FLAG...): where the compiler knows the flag, in both languages.
+# nox_harden(FLAG...): in both languages. A compiler that does not know the flag makes a build
+# without, and one is told so.
 function(nox_harden)
     foreach(flag ${ARGN})
         string(MAKE_C_IDENTIFIER "NOX_HAS${flag}" known)
         check_compiler_flag(CXX ${flag} ${known})
         if(${known})
             add_compile_options($<${NOX_OPTIMISED}:${flag}>)
+        else()
+            message(WARNING "The compiler does not know ${flag}: an optimised build goes without.")
         endif()
     endforeach()
 endfunction()
