@@ -130,9 +130,9 @@ uint64_t resident_or_nothing()
 #endif
 }
 
-// Over 10,000 cycles that notices 4 bytes of heap or 14 bytes of resident memory a cycle. Heap grows
-// by some 20 KiB at most, and no further: a pool takes blocks by the stock, and threads that come
-// at once leave what they have cached in several of the C library's arenas.
+// Over 10,000 cycles that notices 4 bytes of heap or 14 bytes of resident memory a cycle. Heap
+// grows by some 20 KiB at most, and no further: a pool takes blocks by the stock, and threads that
+// come at once leave what they have cached in several of the C library's arenas.
 void keep_memory_flat(uint64_t run)
 {
     constexpr uint64_t kHeapSlack = 32 << 10;
