@@ -2,7 +2,7 @@
 //
 // Several hold a reference to the pipe each, ask for states, and give their
 // reference back: the application, threads of its own, the message handler, a callback, a
-// source's thread. Whoever is last deletes the pipe, there and then. An holder keeps the
+// source's thread. Whoever is last deletes the pipe, there and then. A holder keeps the
 // rules of docs/ownership.md: it asks while it holds its reference, or inside a call that
 // the library makes.
 
@@ -87,7 +87,7 @@ private:
 };
 
 Story *g_story = nullptr;
-thread_local Holder t_actor; // who gives back a reference
+thread_local Holder t_holder; // who gives back a reference
 
 // A callback of its own for each request: it is given nothing to tell them apart by.
 template <size_t number>
@@ -175,14 +175,14 @@ void Story::ask(Holder holder, Dice &dice, uint32_t count)
 
 void Story::leave(Holder holder)
 {
-    t_actor = holder;
+    t_holder = holder;
     nox_object_delete(m_pipe);
 }
 
 int32_t Story::finalize(void *pipe)
 {
     EXPECT_FALSE(m_began) << "deleted twice";
-    m_deleter = t_actor;
+    m_deleter = t_holder;
     m_began = true;
     m_watch.note_deletion();
     const int32_t result = nox_pipe_finalize(pipe);
