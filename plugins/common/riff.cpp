@@ -39,7 +39,8 @@ struct LongSizes {
 constexpr uint64_t kRiffHeaderSize = sizeof(ChunkHeader) + 4; // with "WAVE"
 constexpr uint64_t kUnwritten = 8;                            // RIFF size of a file just opened
 constexpr uint32_t kAllOnes = 0xFFFFFFFF;
-constexpr uint32_t kMostChunks = 1000; // before the samples; recorders write a few
+constexpr uint32_t kMostChunks = 1000; // up to the samples; recorders write a few
+constexpr uint64_t kMostBytes = uint64_t{1} << 62;
 
 // A recorder that cannot seek writes the largest size it dares: the end of the signed
 // or of the unsigned range, or that less some room for headers.
@@ -159,6 +160,8 @@ const char *ChunkWalk::find_samples(WavLayout &layout)
             return "it ends before its samples";
         if (chunk.is("data")) {
             measure(chunk, layout);
+            if (layout.samples_size > kMostBytes)
+                return "it is too long";
             return layout.format_size == 0 ? "its format is missing" : nullptr;
         }
         if (chunk.is("fmt ") && !read_format(chunk, layout))

@@ -14,7 +14,7 @@ namespace
 
 constexpr uint32_t kAllOnes = 0xFFFFFFFF;
 constexpr uint32_t kLongSizesBytes = 28;
-constexpr uint64_t kMostShort = 0xFFFFF000; // samples, with room for the header
+constexpr uint64_t kMostShort = kAllOnes - kMostHeaderBytes; // of samples, in 32 bits
 
 // Writes a header from its beginning.
 class HeaderWriter
@@ -68,8 +68,8 @@ WavReader::WavReader(Descriptor descriptor, const WavLayout &layout)
         header.put_chunk("ds64", kLongSizesBytes);
         header.put_long(before_samples + 8 + kLongSizesBytes + m_samples_size);
         header.put_long(m_samples_size);
-        header.put_long(0); // frames: not looked at where data has a size
-        header.put_chunk("\0\0\0", 0);
+        header.put_long(0);      // frames: not looked at where data has a size
+        header.put("\0\0\0", 4); // entries of a table of further sizes
         header.put_chunk("fmt ", format_size);
     } else {
         header.put_chunk(layout.is_big_endian ? "RIFX" : "RIFF", before_samples + short_size);
@@ -116,6 +116,7 @@ sf_count_t WavReader::seek(sf_count_t offset, int whence)
 sf_count_t WavReader::read(char *bytes, sf_count_t count)
 {
     sf_count_t done = 0;
+    m_read_error = 0;
     while (done < count && m_position < size()) {
         const sf_count_t left = std::min(count - done, size() - m_position);
         ssize_t got = 0;

@@ -8,6 +8,9 @@
 namespace noxplugins
 {
 
+// RF64 and WAVE, the long sizes, the format, the beginning of the samples.
+constexpr uint32_t kMostHeaderBytes = 12 + (8 + 28) + (8 + kMostFormatBytes) + 8;
+
 // libsndfile sees the format and the samples alone, behind a header that is made here. What
 // else stands in a file (lists, cues, broadcast records) is nothing that is played, and a
 // crafted one can keep the library's look at it from ever ending.
@@ -27,7 +30,7 @@ public:
         return m_file.get();
     }
 
-    // errno of the last read that failed, or 0.
+    // errno of the last read, or 0 when that did not fail.
     int read_error() const
     {
         return m_read_error;
@@ -39,7 +42,7 @@ private:
     sf_count_t size() const;
 
     Descriptor m_descriptor;
-    uint8_t m_header[kMostFormatBytes + 64]; // with the long sizes
+    uint8_t m_header[kMostHeaderBytes];
     uint32_t m_header_size = 0;
     uint64_t m_samples_begin;
     uint64_t m_samples_size;

@@ -33,6 +33,18 @@ struct Header {
 
 constexpr uint64_t kRefused = UINT64_MAX;
 
+uint64_t duration_of(const std::string &path)
+{
+    NOXPlugin *source = nox_plugin_new("wavsrc", "source");
+    NOXStructure *format = nox_structure_new("facts");
+    uint64_t duration = kRefused;
+    if (set_location(source, path) == 0 && nox_plugin_getformat(source, format) == 0)
+        nox_structure_getvar_uint64(format, "stream.duration", &duration);
+    nox_object_delete(format);
+    nox_object_delete(source);
+    return duration;
+}
+
 // Of a file with these fields in its header and half of its second of samples.
 uint64_t duration_of_cut_file(const Header &header, const std::string &path)
 {
@@ -42,14 +54,7 @@ uint64_t duration_of_cut_file(const Header &header, const std::string &path)
     for (const auto &[offset, value] : header.fields)
         std::memcpy(file.data() + offset, &value, sizeof value);
     write_file(path, file);
-    NOXPlugin *source = nox_plugin_new("wavsrc", "source");
-    NOXStructure *format = nox_structure_new("facts");
-    uint64_t duration = kRefused;
-    if (set_location(source, path) == 0 && nox_plugin_getformat(source, format) == 0)
-        nox_structure_getvar_uint64(format, "stream.duration", &duration);
-    nox_object_delete(format);
-    nox_object_delete(source);
-    return duration;
+    return duration_of(path);
 }
 
 } // namespace
@@ -120,6 +125,28 @@ TEST_F(WavSource, NothingBesideTheSamplesTakesTimeOrHidesThem)
     NOXPlugin *source = nox_plugin_new("wavsrc", "source");
     EXPECT_EQ(set_location(source, path), -1);
     nox_object_delete(source);
+}
+
+// Of silence, in files that are holes.
+TEST_F(WavSource, RecordingsOfMoreThanFourGibibytesArePlayed)
+{
+    constexpr uint64_t kSamples = 5'000'000'000; // bytes
+    const std::string path = folder / "long.wav";
+    const auto grow = [&] { std::filesystem::resize_file(path, kSamples + 4096); };
+    write_wav(path, sweep(8000, 1, 8000), SF_FORMAT_RF64 | SF_FORMAT_PCM_16);
+    std::string file = read_file(path);
+    std::memcpy(file.data() + 28, &kSamples, sizeof kSamples); // in ds64
+    write_file(path, file);
+    grow();
+    EXPECT_EQ(duration_of(path), kSamples / 16);
+    write_wav(path, sweep(8000, 1, 8000));
+    file = read_file(path).substr(0, 44);
+    for (const uint32_t size : {0xFFFFF800u, 0xFFFFFFFFu}) { // the largest, or open
+        std::memcpy(file.data() + 40, &size, sizeof size);
+        write_file(path, file);
+        grow();
+        EXPECT_EQ(duration_of(path), size / 2 / 8) << size;
+    }
 }
 
 TEST_F(WavSource, TimesAreExactAtEveryRateAndTheSourcePlaysAgainAfterAStop)
