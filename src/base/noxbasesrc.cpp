@@ -158,7 +158,6 @@ void pause(NOXBaseSrc *source)
     if (!nox::load_ordered(source->threadended_))
         OSA_EventWait(source->pauseevent, OSA_WAIT_FOREVER);
     nox::store_ordered(source->pausewait, uint8_t{0});
-    source->held_ = 1;
 }
 
 // Whether the change wakes a thread that is parked. From READY to PLAY it is the start that
@@ -262,8 +261,11 @@ int32_t nox_basesrc_setstate(NOXPlugin *plugin, int32_t state)
         source->setstate_func != nullptr ? source->setstate_func(source, state) : 0;
     if (lets_go(plugin, state))
         source->held_ = 0;
-    if (state == NOX_STATE_PAUSE && nox::load_relaxed(source->islive))
+    if (state != NOX_STATE_PAUSE)
+        return result;
+    if (nox::load_relaxed(source->islive))
         pause(source);
+    source->held_ = 1; // a thread that was not asked parks by itself
     return result;
 }
 

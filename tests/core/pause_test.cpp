@@ -116,6 +116,22 @@ TEST(Pause, EveryWayOutOfItWorksThroughReadyToo)
     }
 }
 
+TEST(Pause, ASourceThatParkedWhileItWasNotLiveIsNotAskedAgain)
+{
+    under_all_seeds(true, [](Player &player) {
+        player.to(NOX_STATE_PLAY);
+        set_option(player.source, NOX_TYPE_BOOL, "islive", 0);
+        player.to(NOX_STATE_PAUSE);
+        OSA_ThreadSleep(static_cast<uint32_t>(SIM_Seed() % 3));
+        set_option(player.source, NOX_TYPE_BOOL, "islive", 1);
+        player.to(NOX_STATE_READY);
+        player.to(NOX_STATE_PAUSE);
+        EXPECT_LE(player.arriving(), 1u);
+        player.to(NOX_STATE_PLAY);
+        EXPECT_GT(player.arriving(), 0u);
+    });
+}
+
 TEST(Pause, AParkedSourceCanBeStoppedDirectly)
 {
     for (bool live : {true, false}) {
